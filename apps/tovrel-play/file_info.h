@@ -1,0 +1,18 @@
+// What a file says of itself, beside its sound.
+#pragma once
+
+#include <string>
+
+// FFmpeg would print its complaints into the middle of the live line. What matters of them is in
+// the player's error text.
+void SilenceDecoderLog();
+
+struct FileInfo
+{
+    std::string title;          // "Artist - Title", "Title", or empty
+    bool bStatesLength = false; // the length is written in the file, not guessed from its size
+};
+
+// Blocks for a few milliseconds while it reads the file's header. Empty for whatever is not a
+// regular file (a pipe can be read only once) or cannot be read.
+FileInfo ReadFileInfo(const std::string& path);

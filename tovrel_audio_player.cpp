@@ -1,0 +1,1247 @@
+// Reads like a playback: from the controls to the start, past the clock that tells its position,
+// along the stations of a block of sound, to the workers that fetch that sound from files and
+// buffers.
+#include "tovrel_audio_player.h"
+
+#include "pipewire_player.h"
+
+#include <algorithm>
+#include <chrono>
+#include <climits>
+#include <cmath>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <initializer_list>
+#include <locale.h>
+#include <new>
+#include <utility>
+
+extern "C"
+{
+#include <libavcodec/avcodec.h>
+#include <libavformat/avformat.h>
+#include <libavutil/channel_layout.h>
+#include <libavutil/dict.h>
+#include <libavutil/error.h>
+#include <libavutil/frame.h>
+#include <libavutil/mathematics.h>
+#include <libavutil/mem.h>
+#include <libswresample/swresample.h>
+}
+
+// Helpers
+
+namespace
+{
+
+constexpr double kPi = 3.141592653589793;
+
+constexpr double kMaxVolume = 1.5; // deliberately past unity
+constexpr double kMaxPan = 1.0;
+constexpr double kMaxEqualizerGainDb = 18.0;
+constexpr double kMaxMetadataGain = 4.0; // linear, +12 dB
+
+constexpr std::chrono::milliseconds kQueuePoll{8};  // while the sink holds its limit
+constexpr std::chrono::milliseconds kPausePoll{20}; // while paused
+constexpr std::chrono::milliseconds kDrainPoll{20}; // while the last frames play
+
+constexpr double kPcmQueueLimitSeconds = 0.35;
+constexpr double kFileQueueLimitSeconds = 0.5;
+constexpr double kDrainedSeconds = 0.02; // what counts as played out
+
+constexpr int kPcmChunksPerSecond = 100;
+constexpr int kMinPcmChunkFrames = 256;
+
+constexpr uint64_t kMaxPreloadBytes = 536870912; // 512 MiB
+constexpr int kPreloadIoBufferBytes = 65536;
+
+// Raises `value` to `low`, then lowers it to `high`. A NaN passes: every bound here is a limit of
+// range, not a filter of bad numbers.
+double Clamped(double value, double low, double high)
+{
+    if (value < low)
+        value = low;
+    if (value > high)
+        value = high;
+    return value;
+}
+
+// What FFmpeg says of one of its error codes.
+std::string AvErrorText(int code)
+{
+    char buffer[64] = {};
+    av_strerror(code, buffer, sizeof buffer); // an unknown code leaves a generic text
+    return buffer;
+}
+
+void AssignMessage(std::string* ErrorMessage, const std::string& text)
+{
+    if (ErrorMessage)
+        *ErrorMessage = text;
+}
+
+uint64_t AudioClockMs()
+{
+    const auto sinceStart = std::chrono::steady_clock::now().time_since_epoch();
+    const auto ns = std::chrono::duration_cast<std::chrono::nanoseconds>(sinceStart).count();
+    return static_cast<uint64_t>(ns / 1000000);
+}
+
+} // namespace
+
+// Object and controls
+
+TovrelAudioPlayer::TovrelAudioPlayer() = default;
+
+TovrelAudioPlayer::~TovrelAudioPlayer()
+{
+    Stop();
+}
+
+void TovrelAudioPlayer::SetVolume(double v)
+{
+    VolumeValue = Clamped(v, 0.0, kMaxVolume);
+}
+
+void TovrelAudioPlayer::AdjustVolume(double delta)
+{
+    SetVolume(VolumeValue + delta);
+}
+
+void TovrelAudioPlayer::SetPan(double p)
+{
+    PanValue = Clamped(p, -kMaxPan, kMaxPan);
+}
+
+void TovrelAudioPlayer::AdjustPan(double delta)
+{
+    SetPan(PanValue + delta);
+}
+
+void TovrelAudioPlayer::SetEqualizerEnabled(bool enabled)
+{
+    EqualizerEnabled = enabled;
+}
+
+void TovrelAudioPlayer::SetEqualizerBandGain(size_t band, double dB)
+{
+    if (band >= EqualizerBandCount)
+        return;
+    const std::lock_guard lock(EqualizerMutex);
+    EqualizerGainsDb[band] = Clamped(dB, -kMaxEqualizerGainDb, kMaxEqualizerGainDb);
+}
+
+void TovrelAudioPlayer::SetEqualizerBands(bool enabled,
+                                          const std::array<double, EqualizerBandCount>& dB)
+{
+    EqualizerEnabled = enabled;
+    const std::lock_guard lock(EqualizerMutex);
+    for (size_t band = 0; band < EqualizerBandCount; ++band)
+        EqualizerGainsDb[band] = Clamped(dB[band], -kMaxEqualizerGainDb, kMaxEqualizerGainDb);
+}
+
+std::string TovrelAudioPlayer::LastError() const
+{
+    const std::lock_guard lock(ErrorMutex);
+    return ErrorText;
+}
+
+void TovrelAudioPlayer::SetLastError(const std::string& Text)
+{
+    const std::lock_guard lock(ErrorMutex);
+    ErrorText = Text;
+}
+
+void TovrelAudioPlayer::SetAudioPCMCallback(PCMCallback cb)
+{
+    const std::lock_guard lock(AudioPCMCallbackMutex);
+    AudioPCMCallback.swap(cb);
+    // The parameter would outlive the lock: the old callable goes here, so that the tap's captures
+    // are gone, or held by a running call alone, before anybody else can install the next one.
+    cb = nullptr;
+}
+
+// Start and stop
+
+// What every Play does once its arguments are accepted: the flags, the clock and the error text of
+// a playback that begins at `StartSec`. A duration of 0 is one that the worker has yet to find.
+void TovrelAudioPlayer::ResetForStart(double Duration, double StartSec)
+{
+    StopRequested = false;
+    Paused = false;
+    Finished = false;
+    DurationSec = Duration;
+    CurrentSec = StartSec;
+    PausedPresentationSec = StartSec;
+    AnchorClock(StartSec, 0.0);
+    QueuedSourceEndSec = StartSec;
+    SeekRequested = false;
+    SetLastError("");
+}
+
+bool TovrelAudioPlayer::PlayFile(const std::string& Path, std::string* ErrorMessage)
+{
+    Stop();
+    ResetForStart(0.0, 0.0);
+    DecodeThread = std::thread(&TovrelAudioPlayer::DecodeThreadMain, this, Path);
+    // Deliberately after the thread: a worker that fails at once may have stored its final false
+    // already, and this hides it until the next Stop. Finished tells the truth then.
+    Playing = true;
+    AssignMessage(ErrorMessage, "");
+    return true;
+}
+
+bool TovrelAudioPlayer::PlayPcm(std::vector<float> Frames, int SampleRate, int Channels,
+                                double StartSeconds, std::string* ErrorMessage)
+{
+    // Before the arguments are looked at: a rejected Play still ends what was playing.
+    Stop();
+    if (Channels <= 0 || SampleRate <= 0 || Frames.empty())
+    {
+        AssignMessage(ErrorMessage, "No PCM audio available for playback.");
+        return false;
+    }
+
+    const size_t totalFrames = Frames.size() / static_cast<size_t>(Channels);
+    const double duration = static_cast<double>(totalFrames) / SampleRate;
+    const double start = std::isnan(StartSeconds) ? 0.0 : Clamped(StartSeconds, 0.0, duration);
+    SeekTargetSec = start;
+    ResetForStart(duration, start);
+    DecodeThread = std::thread(&TovrelAudioPlayer::PcmThreadMain, this, std::move(Frames),
+                               SampleRate, Channels, start);
+    Playing = true; // after the thread, as in PlayFile
+    AssignMessage(ErrorMessage, "");
+    return true;
+}
+
+void TovrelAudioPlayer::RequestStop()
+{
+    StopRequested = true;
+    Paused = false; // or the worker would sleep through its stop
+    const std::lock_guard lock(AudioOutputMutex);
+    if (AudioOutput)
+        AudioOutput->SetActive(false);
+}
+
+void TovrelAudioPlayer::Stop()
+{
+    RequestStop();
+    if (DecodeThread.joinable())
+        DecodeThread.join();
+    {
+        const std::lock_guard lock(AudioOutputMutex);
+        if (AudioOutput)
+        {
+            AudioOutput->Clear();
+            AudioOutput->Destroy();
+            AudioOutput.reset();
+        }
+    }
+    // StopRequested and Finished stay as they are, so that a host can still tell how it ended; the
+    // next Play resets them.
+    Playing = false;
+    Paused = false;
+}
+
+// Hands a worker's new sink to the player. An older one, if there is any, goes without ceremony.
+void TovrelAudioPlayer::InstallOutput(std::unique_ptr<PipeWirePlayer> Output)
+{
+    const std::lock_guard lock(AudioOutputMutex);
+    AudioOutput = std::move(Output);
+}
+
+// Clock, pause and seeking
+
+double TovrelAudioPlayer::CurrentSeconds() const
+{
+    if (!Playing)
+        return CurrentSec;
+    if (Paused)
+        return PausedPresentationSec;
+
+    const double source = PlaybackClockSourceSec;
+    const double duration = DurationSec;
+    const uint64_t hostMs = PlaybackClockHostMs;
+    const uint64_t nowMs = AudioClockMs();
+    double elapsed = 0.0;
+    if (hostMs - 1 < nowMs) // unsigned: false without an anchor (0) and before it
+        elapsed = static_cast<double>(nowMs - hostMs) / 1000.0;
+    // An unknown duration deliberately reads as position 0 throughout: a live stream has no
+    // position.
+    const double upper = duration > 0.0 ? duration : 0.0;
+    const double position = Clamped(source + elapsed, 0.0, upper);
+    PausedPresentationSec = position;
+    return position;
+}
+
+void TovrelAudioPlayer::SetPaused(bool paused)
+{
+    if (!Playing)
+        return;
+    const double position = paused ? CurrentSeconds() : PausedPresentationSec.load();
+    PausedPresentationSec = position;
+    CurrentSec = position;
+    PlaybackClockSourceSec = position;
+    PlaybackClockHostMs = AudioClockMs();
+    PlaybackClockPresentedSec = PresentedSeconds();
+    Paused = paused;
+    const std::lock_guard lock(AudioOutputMutex);
+    if (AudioOutput)
+        AudioOutput->SetActive(!paused);
+}
+
+void TovrelAudioPlayer::TogglePaused()
+{
+    SetPaused(!Paused);
+}
+
+void TovrelAudioPlayer::SeekToSeconds(double seconds)
+{
+    // Not a number is nowhere to go, and would stay in the clock.
+    if (DurationSec <= 0.0 || std::isnan(seconds))
+        return;
+    const double target = Clamped(seconds, 0.0, DurationSec);
+    SeekTargetSec = target;
+    CurrentSec = target;
+    PausedPresentationSec = target;
+    AnchorClock(target, 0.0);
+    QueuedSourceEndSec = target;
+    SeekRequested = true; // last: a worker that sees it finds the target stored
+}
+
+void TovrelAudioPlayer::SeekToFraction(double fraction)
+{
+    if (DurationSec <= 0.0)
+        return;
+    SeekToSeconds(Clamped(fraction, 0.0, 1.0) * DurationSec);
+}
+
+// The sink's presented time, 0 where there is none.
+double TovrelAudioPlayer::PresentedSeconds()
+{
+    double presented = 0.0;
+    const std::lock_guard lock(AudioOutputMutex);
+    if (AudioOutput)
+        AudioOutput->GetStreamTime(&presented, nullptr);
+    return presented;
+}
+
+// From now on the position runs from `SourceSec`.
+void TovrelAudioPlayer::AnchorClock(double SourceSec, double PresentedSec)
+{
+    PlaybackClockSourceSec = SourceSec;
+    PlaybackClockPresentedSec = PresentedSec;
+    PlaybackClockHostMs = AudioClockMs();
+}
+
+// Where a worker that has taken a seek goes. With an unknown duration that is deliberately 0.
+double TovrelAudioPlayer::SeekTarget() const
+{
+    const double duration = DurationSec;
+    return Clamped(SeekTargetSec, 0.0, duration > 0.0 ? duration : 0.0);
+}
+
+// Processing
+
+namespace
+{
+
+constexpr std::array<double, TovrelAudioPlayer::EqualizerBandCount> kEqualizerFrequenciesHz = {
+    31.0, 62.0, 125.0, 250.0, 500.0, 1000.0, 2000.0, 4000.0, 8000.0, 16000.0};
+constexpr double kEqualizerBandQ = 1.15;
+constexpr int kEqualizerChannels = 2;          // for which a filter keeps history
+constexpr double kEqualizerFlatDb = 0.01;      // gains within it count as flat
+constexpr double kEqualizerOutputLimit = 4.0;  // of each band's output, +12 dB over full scale
+constexpr double kEqualizerNyquistPart = 0.94; // no band lies above this part of Nyquist
+
+// One peaking band: the peaking-EQ biquad of Robert Bristow-Johnson's "Cookbook formulae for audio
+// EQ biquad filter coefficients", as a transposed direct form II, in double precision.
+struct PeakingBiquad
+{
+    double B0 = 1.0, B1 = 0.0, B2 = 0.0, A1 = 0.0, A2 = 0.0; // divided by a0 already
+    std::array<double, kEqualizerChannels> Z1{};
+    std::array<double, kEqualizerChannels> Z2{};
+
+    void Configure(double SampleRate, double FrequencyHz, double GainDb)
+    {
+        const double nyquist = std::max(SampleRate * 0.5, 1.0);
+        const double freq = std::min(std::max(FrequencyHz, 1.0), nyquist * kEqualizerNyquistPart);
+        const double a = std::pow(10.0, GainDb / 40.0);
+        const double omega = freq * (2.0 * kPi) / SampleRate;
+        double sinW = 0.0;
+        double cosW = 0.0;
+        sincos(omega, &sinW, &cosW);
+        const double alpha = sinW / (2.0 * kEqualizerBandQ);
+        const double a0 = 1.0 + alpha / a;
+        B0 = (1.0 + alpha * a) / a0;
+        B1 = (-2.0 * cosW) / a0;
+        B2 = (1.0 - alpha * a) / a0;
+        A1 = (-2.0 * cosW) / a0;
+        A2 = (1.0 - alpha / a) / a0;
+        Reset();
+    }
+
+    float Process(float Sample, int Channel)
+    {
+        // Channels past the second share, and disturb, the second one's history: deliberate, as
+        // the engine's own output is stereo.
+        const auto ch = static_cast<size_t>(std::clamp(Channel, 0, kEqualizerChannels - 1));
+        const double x = Sample;
+        const double out = B0 * x + Z1[ch];
+        Z1[ch] = B1 * x - A1 * out + Z2[ch];
+        Z2[ch] = B2 * x - A2 * out;
+        // Only the output is limited: the history keeps the filter linear.
+        return static_cast<float>(Clamped(out, -kEqualizerOutputLimit, kEqualizerOutputLimit));
+    }
+
+    void Reset()
+    {
+        Z1.fill(0.0);
+        Z2.fill(0.0);
+    }
+};
+
+} // namespace
+
+void TovrelAudioPlayer::ApplyEqualizer(float* Samples, int SampleCount, int Channels,
+                                       int SampleRate)
+{
+    if (!Samples || SampleCount <= 0 || Channels <= 0 || SampleRate <= 0)
+        return;
+
+    // The switch is read without the lock: it may be a block ahead of the gains, which nobody
+    // hears.
+    const bool enabled = EqualizerEnabled;
+    std::array<double, EqualizerBandCount> gains{};
+    {
+        const std::lock_guard lock(EqualizerMutex);
+        gains = EqualizerGainsDb;
+    }
+    const bool hasGain = std::any_of(gains.begin(), gains.end(),
+                                     [](double dB) { return std::fabs(dB) > kEqualizerFlatDb; });
+    if (!hasGain || !enabled)
+        return; // the history stays as it is
+
+    // Every playback runs on a thread of its own, so each starts unconfigured and silent.
+    thread_local std::array<PeakingBiquad, EqualizerBandCount> filters;
+    thread_local std::array<double, EqualizerBandCount> lastGains{};
+    thread_local int lastSampleRate = 0;
+    thread_local bool bConfigured = false;
+    if (!bConfigured || lastSampleRate != SampleRate || gains != lastGains)
+    {
+        for (size_t band = 0; band < EqualizerBandCount; ++band)
+            filters[band].Configure(SampleRate, kEqualizerFrequenciesHz[band], gains[band]);
+        lastGains = gains;
+        lastSampleRate = SampleRate;
+        bConfigured = true;
+    }
+
+    float* sample = Samples;
+    for (int i = 0; i < SampleCount; ++i)
+    {
+        for (int ch = 0; ch < Channels; ++ch, ++sample)
+        {
+            float value = *sample;
+            for (PeakingBiquad& filter : filters)
+                value = filter.Process(value, ch);
+            *sample = value;
+        }
+    }
+}
+
+void TovrelAudioPlayer::ApplyGainAndPan(float* Samples, int SampleCount, int Channels,
+                                        double MetadataGain)
+{
+    if (SampleCount <= 0 || Channels <= 0 || !Samples)
+        return;
+
+    const auto metadataGain = static_cast<float>(Clamped(MetadataGain, 0.0, kMaxMetadataGain));
+    const auto volume = static_cast<float>(VolumeValue.load());
+    const float g = metadataGain * volume;
+    if (Channels == 1)
+    {
+        for (int i = 0; i < SampleCount; ++i)
+            Samples[i] *= g;
+        return;
+    }
+
+    // Constant power over the quarter circle, with unity in the middle. The price, taken on
+    // purpose, is 3 dB more on the remaining side of a hard pan.
+    const double pan = Clamped(PanValue, -kMaxPan, kMaxPan);
+    const double angle = ((pan + 1.0) * 0.25) * kPi;
+    double sinA = 0.0;
+    double cosA = 0.0;
+    sincos(angle, &sinA, &cosA);
+    constexpr double kSqrt2 = 1.4142135623730951;
+    const auto leftGain = static_cast<float>(static_cast<double>(g) * cosA * kSqrt2);
+    const auto rightGain = static_cast<float>(static_cast<double>(g) * sinA * kSqrt2);
+    float* frame = Samples;
+    for (int i = 0; i < SampleCount; ++i, frame += Channels)
+    {
+        frame[0] *= leftGain;
+        frame[1] *= rightGain;
+        for (int ch = 2; ch < Channels; ++ch)
+            frame[ch] *= g;
+    }
+}
+
+void TovrelAudioPlayer::ApplyGainAndPan(float* Samples, int SampleCount, int Channels)
+{
+    ApplyGainAndPan(Samples, SampleCount, Channels, 1.0);
+}
+
+void TovrelAudioPlayer::CaptureSpectrumSamples(const float* Samples, int SampleCount, int Channels)
+{
+    if (SampleCount <= 0 || Channels <= 0 || !Samples)
+        return;
+
+    constexpr int maxSamples = 2048;
+    const int start = std::max(SampleCount - maxSamples, 0);
+    std::vector<float> mono;
+    mono.reserve(static_cast<size_t>(std::min(SampleCount, maxSamples)));
+    const float* sample = Samples + static_cast<ptrdiff_t>(start) * Channels;
+    for (int i = start; i < SampleCount; ++i)
+    {
+        float sum = 0.0f;
+        for (int ch = 0; ch < Channels; ++ch)
+            sum += *sample++;
+        mono.push_back(sum / static_cast<float>(Channels));
+    }
+    const std::lock_guard lock(SpectrumMutex); // released before the old samples are freed
+    SpectrumSamples.swap(mono);
+}
+
+std::vector<float> TovrelAudioPlayer::CopySpectrumSamples() const
+{
+    const std::lock_guard lock(SpectrumMutex);
+    return SpectrumSamples;
+}
+
+// The last two stations of every block: the tap, which is told that it begins (for a live stream,
+// ends) at `Seconds`, and the sink.
+void TovrelAudioPlayer::TapAndPush(const float* Samples, int SampleCount, int Channels,
+                                   int SampleRate, double Seconds)
+{
+    PCMCallback tap;
+    {
+        const std::lock_guard lock(AudioPCMCallbackMutex);
+        tap = AudioPCMCallback;
+    }
+    // Called outside the lock, on a copy that lives until the block is pushed, so that the tap may
+    // replace itself.
+    if (tap)
+        tap(Samples, SampleCount, SampleRate, Channels, std::llround(Seconds * 1000000.0));
+    AudioOutput->PushBytes(reinterpret_cast<const uint8_t*>(Samples),
+                           static_cast<size_t>(SampleCount) * static_cast<size_t>(Channels) *
+                               sizeof(float));
+}
+
+// Files: the copy in memory
+
+namespace
+{
+
+int ReadCachedFilePacket(void* Opaque, uint8_t* Buffer, int BufferSize)
+{
+    if (!Buffer || BufferSize <= 0)
+        return AVERROR(EINVAL);
+    if (!Opaque)
+        return AVERROR(EINVAL);
+    auto& cache = *static_cast<TovrelAudioCachedFileInput*>(Opaque);
+    if (cache.Position >= cache.Bytes.size())
+        return AVERROR_EOF;
+    const size_t remaining = cache.Bytes.size() - cache.Position;
+    const size_t count = std::min(remaining, static_cast<size_t>(BufferSize));
+    std::memcpy(Buffer, cache.Bytes.data() + cache.Position, count);
+    cache.Position += count;
+    return static_cast<int>(count);
+}
+
+int64_t SeekCachedFile(void* Opaque, int64_t Offset, int Whence)
+{
+    if (!Opaque)
+        return AVERROR(EINVAL);
+    auto& cache = *static_cast<TovrelAudioCachedFileInput*>(Opaque);
+    const auto size = static_cast<int64_t>(cache.Bytes.size());
+    if (Whence == AVSEEK_SIZE)
+        return size;
+
+    int64_t base = 0;
+    switch (Whence & ~AVSEEK_FORCE)
+    {
+    case SEEK_SET:
+        base = 0;
+        break;
+    case SEEK_CUR:
+        base = static_cast<int64_t>(cache.Position);
+        break;
+    case SEEK_END:
+        base = size;
+        break;
+    default:
+        return AVERROR(EINVAL);
+    }
+    // 0 <= base + Offset <= size, without the overflow of an absurd offset.
+    if (Offset < -base || Offset > size - base)
+        return AVERROR(EINVAL);
+    const int64_t target = base + Offset;
+    cache.Position = static_cast<size_t>(target);
+    return target;
+}
+
+} // namespace
+
+TovrelAudioCachedFileInput::~TovrelAudioCachedFileInput()
+{
+    if (Avio)
+    {
+        // Not the buffer of the start: probing may have made the context allocate another.
+        av_freep(&Avio->buffer);
+        avio_context_free(&Avio);
+        AvioBuffer = nullptr;
+    }
+    else if (AvioBuffer)
+    {
+        av_free(AvioBuffer);
+        AvioBuffer = nullptr;
+    }
+}
+
+bool TovrelAudioPlayer::LoadFileIntoCache(const std::string& Path,
+                                          TovrelAudioCachedFileInput& Cache,
+                                          std::string* ErrorMessage) const
+{
+    const auto fail = [&](const std::string& message)
+    {
+        AssignMessage(ErrorMessage, message);
+        return false;
+    };
+
+    Cache.Bytes.clear();
+    Cache.Position = 0;
+    std::error_code ec;
+    const uint64_t fileSize = std::filesystem::file_size(std::filesystem::path(Path), ec);
+    if (ec)
+        return fail("Failed to stat audio file for preload: " + ec.message());
+    if (fileSize == 0)
+        return fail("Audio file is empty.");
+    if (fileSize > kMaxPreloadBytes)
+        return fail("Audio file too large for RAM preload.");
+    std::ifstream in(Path, std::ios::binary);
+    if (!in)
+        return fail("Failed to open audio file for preload.");
+    bool bRead = false;
+    try
+    {
+        Cache.Bytes.resize(fileSize);
+        in.read(reinterpret_cast<char*>(Cache.Bytes.data()),
+                static_cast<std::streamsize>(fileSize));
+        bRead = in && static_cast<uint64_t>(in.gcount()) == fileSize;
+    }
+    catch (const std::bad_alloc&)
+    {
+        // Too little memory for a copy is no reason to fall silent: the file plays from disk.
+    }
+    if (!bRead)
+    {
+        Cache.Bytes.clear();
+        return fail("Failed to read full audio file into RAM.");
+    }
+    Cache.AvioBuffer = static_cast<uint8_t*>(av_malloc(kPreloadIoBufferBytes));
+    if (!Cache.AvioBuffer)
+    {
+        Cache.Bytes.clear();
+        return fail("Failed to allocate RAM preload IO buffer.");
+    }
+    Cache.Avio = avio_alloc_context(Cache.AvioBuffer, kPreloadIoBufferBytes, 0, &Cache,
+                                    ReadCachedFilePacket, nullptr, SeekCachedFile);
+    if (!Cache.Avio)
+    {
+        av_free(Cache.AvioBuffer);
+        Cache.AvioBuffer = nullptr;
+        Cache.Bytes.clear();
+        return fail("Failed to create RAM preload IO context.");
+    }
+    Cache.AvioBuffer = nullptr; // the context's now
+    return true;
+}
+
+// Files: demuxer, decoder, resampler
+
+namespace
+{
+
+// The FFmpeg objects of one source, from demuxer to packet. What is set is released in reverse
+// order of creation, once.
+struct DecoderChain
+{
+    AVFormatContext* format = nullptr;
+    AVCodecContext* codec = nullptr;
+    SwrContext* swr = nullptr;
+    AVFrame* frame = nullptr;
+    AVPacket* packet = nullptr;
+    int streamIndex = -1;
+
+    DecoderChain() = default;
+    DecoderChain(const DecoderChain&) = delete;
+    DecoderChain& operator=(const DecoderChain&) = delete;
+    ~DecoderChain() { Release(); }
+
+    // Safe to repeat: every one of these does nothing on null and leaves null.
+    void Release()
+    {
+        av_packet_free(&packet);
+        av_frame_free(&frame);
+        swr_free(&swr);
+        avcodec_free_context(&codec);
+        avformat_close_input(&format);
+    }
+};
+
+// What a resampler converts from.
+struct ResamplerInput
+{
+    int channels = 0;
+    int format = AV_SAMPLE_FMT_NONE;
+    int rate = 0;
+
+    bool operator==(const ResamplerInput&) const = default;
+};
+
+// The decoder's own layout; stereo where it does not report its channels.
+AVChannelLayout DefaultLayoutForCodec(const AVCodecContext* CodecContext)
+{
+    AVChannelLayout layout{};
+    if (CodecContext->ch_layout.nb_channels > 0)
+        av_channel_layout_copy(&layout, &CodecContext->ch_layout);
+    else
+        av_channel_layout_default(&layout, 2);
+    return layout;
+}
+
+// A resampler to interleaved float. Releases `inLayout`. Null on failure, with the message.
+SwrContext* OpenResampler(AVChannelLayout inLayout, int inFormat, int inRate, int outRate,
+                          int outChannels, std::string* ErrorMessage)
+{
+    AVChannelLayout outLayout{};
+    av_channel_layout_default(&outLayout, outChannels);
+    SwrContext* swr = nullptr;
+    int rc = swr_alloc_set_opts2(&swr, &outLayout, AV_SAMPLE_FMT_FLT, outRate, &inLayout,
+                                 static_cast<AVSampleFormat>(inFormat), inRate, 0, nullptr);
+    av_channel_layout_uninit(&inLayout);
+    av_channel_layout_uninit(&outLayout);
+    if (rc < 0 || !swr)
+    {
+        AssignMessage(ErrorMessage, "Failed to allocate audio resampler.");
+        swr_free(&swr);
+        return nullptr;
+    }
+    rc = swr_init(swr);
+    if (rc < 0)
+    {
+        AssignMessage(ErrorMessage, "Failed to initialize audio resampler: " + AvErrorText(rc));
+        swr_free(&swr);
+        return nullptr;
+    }
+    return swr;
+}
+
+// Decoders change their output in the middle of a stream (concatenated MP3, chained Ogg, AAC). A
+// resampler for other channels would read planes that are not there, one for another rate would
+// play at the wrong pitch, so one that fits takes its place. False, with the old one kept, when
+// there is none for this frame.
+bool FitResamplerToFrame(const AVFrame& frame, SwrContext** Swr, ResamplerInput* Input, int outRate,
+                         int outChannels)
+{
+    const ResamplerInput wanted{frame.ch_layout.nb_channels, frame.format, frame.sample_rate};
+    if (wanted == *Input)
+        return true;
+    if (wanted.channels <= 0 || wanted.rate <= 0)
+        return false;
+    AVChannelLayout layout{};
+    if (av_channel_layout_copy(&layout, &frame.ch_layout) < 0)
+        return false;
+    SwrContext* swr =
+        OpenResampler(layout, wanted.format, wanted.rate, outRate, outChannels, nullptr);
+    if (!swr)
+        return false;
+    swr_free(Swr);
+    *Swr = swr;
+    *Input = wanted;
+    return true;
+}
+
+// Converts one frame into `Buffer`, which grows as needed and never shrinks. Returns the frames
+// written, 0 or less when there are none: AVERROR(ENOMEM) where there is no memory for what one
+// frame of a file with an absurd rate would become.
+int ConvertFrame(const AVFrame& frame, SwrContext* Swr, int outRate, int outChannels,
+                 std::vector<float>& Buffer)
+{
+    const int64_t delay = swr_get_delay(Swr, frame.sample_rate);
+    const int64_t dstSampleCount =
+        av_rescale_rnd(delay + frame.nb_samples, outRate, frame.sample_rate, AV_ROUND_UP);
+    if (dstSampleCount <= 0)
+        return 0;
+    if (dstSampleCount > INT_MAX / (outChannels * static_cast<int>(sizeof(float))))
+        return AVERROR(ENOMEM);
+    const auto neededFloats = static_cast<size_t>(dstSampleCount * outChannels);
+    try
+    {
+        if (Buffer.size() < neededFloats)
+            Buffer.resize(neededFloats);
+    }
+    catch (const std::bad_alloc&)
+    {
+        return AVERROR(ENOMEM);
+    }
+    auto* out = reinterpret_cast<uint8_t*>(Buffer.data());
+    // extended_data, not data: planar audio of more than 8 channels has its planes only there.
+    return swr_convert(Swr, &out, static_cast<int>(dstSampleCount),
+                       const_cast<const uint8_t**>(frame.extended_data), frame.nb_samples);
+}
+
+} // namespace
+
+bool TovrelAudioPlayer::OpenDecoder(const std::string& Path, TovrelAudioCachedFileInput* Cache,
+                                    AVFormatContext** OutFormat, AVCodecContext** OutCodec,
+                                    int* OutStreamIndex, std::string* ErrorMessage)
+{
+    AVFormatContext* format = nullptr;
+    AVCodecContext* codecContext = nullptr;
+    const auto fail = [&](const std::string& message)
+    {
+        AssignMessage(ErrorMessage, message);
+        avcodec_free_context(&codecContext);
+        avformat_close_input(&format);
+        return false;
+    };
+
+    if (Cache && Cache->Avio)
+    {
+        format = avformat_alloc_context();
+        if (!format)
+            return fail("Failed to allocate audio demuxer.");
+        format->flags |= AVFMT_FLAG_CUSTOM_IO;
+        format->pb = Cache->Avio;
+    }
+    // From memory the path still serves as a name: its extension helps to guess the format.
+    int rc = avformat_open_input(&format, Path.c_str(), nullptr, nullptr);
+    if (rc < 0) // which has freed the context already
+        return fail("Failed to open audio file: " + AvErrorText(rc));
+    rc = avformat_find_stream_info(format, nullptr);
+    if (rc < 0)
+        return fail("Failed to read audio stream info: " + AvErrorText(rc));
+    const int streamIndex = av_find_best_stream(format, AVMEDIA_TYPE_AUDIO, -1, -1, nullptr, 0);
+    if (streamIndex < 0)
+        return fail("No audio stream found.");
+    const AVStream* stream = format->streams[streamIndex];
+    const AVCodec* codec = avcodec_find_decoder(stream->codecpar->codec_id);
+    if (!codec)
+        return fail("No decoder available for this audio stream.");
+    codecContext = avcodec_alloc_context3(codec);
+    if (!codecContext)
+        return fail("Failed to allocate audio decoder.");
+    rc = avcodec_parameters_to_context(codecContext, stream->codecpar);
+    if (rc < 0)
+        return fail("Failed to configure audio decoder: " + AvErrorText(rc));
+    rc = avcodec_open2(codecContext, codec, nullptr);
+    if (rc < 0)
+        return fail("Failed to open audio decoder: " + AvErrorText(rc));
+    *OutFormat = format;
+    *OutCodec = codecContext;
+    *OutStreamIndex = streamIndex;
+    return true;
+}
+
+bool TovrelAudioPlayer::ConfigureResampler(AVCodecContext* CodecContext, SwrContext** OutSwr,
+                                           int* OutSampleRate, int* OutChannels,
+                                           std::string* ErrorMessage)
+{
+    if (!CodecContext || !OutSwr)
+        return false;
+    SwrContext* swr =
+        OpenResampler(DefaultLayoutForCodec(CodecContext), CodecContext->sample_fmt,
+                      CodecContext->sample_rate, kOutputSampleRate, kOutputChannels, ErrorMessage);
+    if (!swr)
+        return false;
+    *OutSwr = swr;
+    if (OutSampleRate)
+        *OutSampleRate = kOutputSampleRate;
+    if (OutChannels)
+        *OutChannels = kOutputChannels;
+    return true;
+}
+
+// Files: tags
+
+namespace
+{
+
+constexpr double kMinLoudnessGainDb = -24.0;
+constexpr double kMaxLoudnessGainDb = 12.0;
+constexpr double kR128StepDb = 0.00390625; // the tag is a Q7.8 fixed-point number of dB
+
+// The value of the first entry whose name begins with `Key`, whatever its case; null if none.
+const char* MetadataEntry(const AVDictionary* Metadata, const char* Key)
+{
+    if (!Metadata || !Key)
+        return nullptr;
+    const AVDictionaryEntry* entry = av_dict_get(Metadata, Key, nullptr, AV_DICT_IGNORE_SUFFIX);
+    return entry ? entry->value : nullptr;
+}
+
+[[maybe_unused]] std::string MetadataValue(const AVDictionary* Metadata, const char* Key)
+{
+    const char* value = MetadataEntry(Metadata, Key);
+    return value ? value : "";
+}
+
+// The first value of these keys that is not empty, or an empty string.
+[[maybe_unused]] std::string MetadataValueAny(const AVDictionary* Metadata,
+                                              std::initializer_list<const char*> keys)
+{
+    for (const char* key : keys)
+    {
+        std::string value = MetadataValue(Metadata, key);
+        if (!value.empty())
+            return value;
+    }
+    return "";
+}
+
+// The number at the start of a tag; what follows it ("-6.20 dB") is ignored. False when there is no
+// finite number.
+bool ReadMetadataGainDb(const AVDictionary* Metadata, const char* Key, double& Out)
+{
+    const char* value = MetadataEntry(Metadata, Key);
+    if (!value || !*value)
+        return false;
+    // Tags are written with a point, whatever the host's locale makes of numbers.
+    static const locale_t cLocale = newlocale(LC_ALL_MASK, "C", nullptr);
+    char* end = nullptr;
+    const double number = cLocale ? strtod_l(value, &end, cLocale) : std::strtod(value, &end);
+    if (end == value || !std::isfinite(number))
+        return false;
+    Out = number;
+    return true;
+}
+
+// An R128 tag in dB. Its reference level lies lower than ReplayGain's; no offset is added.
+bool ReadR128GainDb(const AVDictionary* Metadata, const char* Key, double& Out)
+{
+    double steps = 0.0;
+    if (!ReadMetadataGainDb(Metadata, Key, steps))
+        return false;
+    Out = steps * kR128StepDb;
+    return true;
+}
+
+// The loudness gain of one stream as a linear factor, 1 without usable tags. Track gain comes
+// before album gain, ReplayGain before R128, any tag of the stream before any of the container.
+double MetadataGainLinear(const AVFormatContext* Format, int StreamIndex)
+{
+    if (!Format || StreamIndex < 0 || static_cast<unsigned>(StreamIndex) >= Format->nb_streams)
+        return 1.0;
+    struct Tag
+    {
+        const char* key;
+        bool (*read)(const AVDictionary*, const char*, double&);
+    };
+    // The lookup ignores case, so the lower-case rows find nothing new; they stand here on purpose,
+    // as the list of what taggers write.
+    static constexpr Tag kTags[] = {
+        {"REPLAYGAIN_TRACK_GAIN", ReadMetadataGainDb},
+        {"replaygain_track_gain", ReadMetadataGainDb},
+        {"REPLAYGAIN_ALBUM_GAIN", ReadMetadataGainDb},
+        {"replaygain_album_gain", ReadMetadataGainDb},
+        {"R128_TRACK_GAIN", ReadR128GainDb},
+        {"R128_ALBUM_GAIN", ReadR128GainDb},
+    };
+    const AVStream* stream = Format->streams[StreamIndex];
+    for (const AVDictionary* metadata : {stream ? stream->metadata : nullptr, Format->metadata})
+    {
+        for (const Tag& tag : kTags)
+        {
+            double dB = 0.0;
+            if (tag.read(metadata, tag.key, dB))
+                return std::pow(10.0, Clamped(dB, kMinLoudnessGainDb, kMaxLoudnessGainDb) / 20.0);
+        }
+    }
+    return 1.0;
+}
+
+} // namespace
+
+// Files: the decode thread
+
+void TovrelAudioPlayer::DecodeThreadMain(std::string Path)
+{
+    TovrelAudioCachedFileInput cachedInput; // outlives the demuxer that reads from it
+    DecoderChain chain;
+    const auto finish = [&]
+    {
+        chain.Release();
+        Finished = true;
+        Playing = false;
+    };
+    const auto fail = [&](const std::string& text)
+    {
+        SetLastError(text);
+        finish();
+    };
+
+    std::string preloadError;
+    TovrelAudioCachedFileInput* decoderInput = nullptr; // null: the file plays from disk
+    if (LoadFileIntoCache(Path, cachedInput, &preloadError))
+        decoderInput = &cachedInput;
+
+    std::string error;
+    int outRate = 0;
+    int outChannels = 0;
+    if (!OpenDecoder(Path, decoderInput, &chain.format, &chain.codec, &chain.streamIndex, &error) ||
+        !ConfigureResampler(chain.codec, &chain.swr, &outRate, &outChannels, &error))
+        return fail(error.empty() ? preloadError : error);
+    ResamplerInput resamplerInput{chain.codec->ch_layout.nb_channels, chain.codec->sample_fmt,
+                                  chain.codec->sample_rate};
+
+    const AVStream* stream = chain.format->streams[chain.streamIndex];
+    double durationSec = 0.0;
+    if (stream->duration != AV_NOPTS_VALUE)
+        durationSec = av_q2d(stream->time_base) * static_cast<double>(stream->duration);
+    else if (chain.format->duration != AV_NOPTS_VALUE)
+        durationSec = static_cast<double>(chain.format->duration) / 1000000.0;
+    DurationSec = durationSec > 0.0 ? durationSec : 0.0;
+    PausedPresentationSec = 0.0;
+    const double metadataGain = MetadataGainLinear(chain.format, chain.streamIndex);
+
+    auto output = std::make_unique<PipeWirePlayer>();
+    if (!output->Init(outRate, outChannels))
+    {
+        SetLastError("Failed to initialize PipeWire audio output.");
+        output.reset();
+        return finish();
+    }
+    output->SetActive(true);
+    InstallOutput(std::move(output));
+    AnchorClock(0.0, 0.0);
+
+    chain.frame = av_frame_alloc();
+    chain.packet = av_packet_alloc();
+    if (!chain.frame || !chain.packet)
+        return fail("Failed to allocate FFmpeg audio buffers.");
+
+    const auto failDecode = [&](int code)
+    {
+        SetLastError("Audio decode failed: " + AvErrorText(code));
+        StopRequested = true;
+    };
+    const auto bInterrupted = [&]
+    {
+        return StopRequested || SeekRequested;
+    };
+
+    // A frame's start in seconds; where it carries no time, the position reached.
+    const auto frameSeconds = [&](const AVFrame* decodedFrame)
+    {
+        int64_t timestamp = AV_NOPTS_VALUE;
+        if (decodedFrame)
+            timestamp = decodedFrame->best_effort_timestamp != AV_NOPTS_VALUE
+                            ? decodedFrame->best_effort_timestamp
+                            : decodedFrame->pts;
+        if (timestamp == AV_NOPTS_VALUE)
+            return CurrentSec.load();
+        return std::max(0.0, static_cast<double>(timestamp) * stream->time_base.num /
+                                 stream->time_base.den);
+    };
+
+    const auto handleSeek = [&]
+    {
+        const double target = SeekTarget();
+        const int64_t timestamp = av_rescale_q(std::llround(target * 1000000.0),
+                                               AVRational{1, 1000000}, stream->time_base);
+        const int seekRc =
+            av_seek_frame(chain.format, chain.streamIndex, timestamp, AVSEEK_FLAG_BACKWARD);
+        avcodec_flush_buffers(chain.codec);
+        av_frame_unref(chain.frame);
+        av_packet_unref(chain.packet);
+        swr_close(chain.swr);
+        const int swrRc = swr_init(chain.swr);
+        if (seekRc < 0 || swrRc < 0)
+        {
+            SetLastError("Audio seek failed.");
+            return false;
+        }
+        if (AudioOutput)
+            AudioOutput->Clear();
+        CurrentSec = target;
+        PausedPresentationSec = target;
+        AnchorClock(target, PresentedSeconds());
+        QueuedSourceEndSec = target;
+        return true;
+    };
+
+    const auto pumpFrame = [&](const AVFrame* decodedFrame)
+    {
+        const double startSec = frameSeconds(decodedFrame);
+        CurrentSec = startSec;
+        if (!FitResamplerToFrame(*decodedFrame, &chain.swr, &resamplerInput, outRate, outChannels))
+            return;
+        const int outSamples =
+            ConvertFrame(*decodedFrame, chain.swr, outRate, outChannels, ResampleBuffer);
+        if (outSamples == AVERROR(ENOMEM))
+            return failDecode(outSamples);
+        if (outSamples <= 0)
+            return;
+        while (!bInterrupted() && AudioOutput &&
+               AudioOutput->QueuedSeconds() > kFileQueueLimitSeconds)
+            std::this_thread::sleep_for(kQueuePoll);
+        while (!bInterrupted() && Paused)
+            std::this_thread::sleep_for(kPausePoll);
+        if (bInterrupted() || !AudioOutput)
+            return;
+
+        float* samples = ResampleBuffer.data();
+        ApplyEqualizer(samples, outSamples, outChannels, outRate);
+        ApplyGainAndPan(samples, outSamples, outChannels, metadataGain);
+        CaptureSpectrumSamples(samples, outSamples, outChannels);
+        TapAndPush(samples, outSamples, outChannels, outRate, startSec);
+        const double endSec = startSec + static_cast<double>(outSamples) / outRate;
+        QueuedSourceEndSec = endSec;
+        // A file that was played out reads its duration, not the start of its last frame.
+        if (DurationSec > 0.0)
+            CurrentSec = Clamped(endSec, 0.0, DurationSec);
+    };
+
+    // The FFmpeg error that ended a run of frames: EAGAIN, EOF, or a failure.
+    const auto pumpFrames = [&]
+    {
+        int receiveRc = 0;
+        while ((receiveRc = avcodec_receive_frame(chain.codec, chain.frame)) == 0)
+        {
+            pumpFrame(chain.frame);
+            av_frame_unref(chain.frame);
+            if (StopRequested)
+                break;
+        }
+        return receiveRc;
+    };
+
+    while (!StopRequested)
+    {
+        if (SeekRequested.exchange(false) && !handleSeek())
+            break;
+        if (av_read_frame(chain.format, chain.packet) < 0)
+            break; // the end of the file, or as much of it as can be read
+        if (chain.packet->stream_index == chain.streamIndex &&
+            avcodec_send_packet(chain.codec, chain.packet) == 0)
+        {
+            const int receiveRc = pumpFrames();
+            if (receiveRc != 0 && receiveRc != AVERROR(EAGAIN) && receiveRc != AVERROR_EOF)
+                failDecode(receiveRc);
+        }
+        av_packet_unref(chain.packet); // also one that the decoder refused: it is skipped
+    }
+
+    if (!StopRequested)
+    {
+        avcodec_send_packet(chain.codec, nullptr);
+        pumpFrames();
+        while (AudioOutput && AudioOutput->QueuedSeconds() > kDrainedSeconds && !StopRequested)
+            std::this_thread::sleep_for(kDrainPoll);
+    }
+    if (AudioOutput)
+        AudioOutput->SetActive(false);
+    finish(); // the sink stays, inactive, until the next Stop
+}
+
+// PCM buffers
+
+void TovrelAudioPlayer::PcmThreadMain(std::vector<float> Frames, int SampleRate, int Channels,
+                                      double StartSeconds)
+{
+    const size_t totalFrames = Frames.size() / static_cast<size_t>(Channels);
+    const auto secondsAt = [&](size_t frame)
+    {
+        return static_cast<double>(frame) / SampleRate;
+    };
+    const auto frameAt = [&](double seconds)
+    {
+        const long long frame = std::llround(seconds * SampleRate);
+        return std::min(static_cast<size_t>(std::max(frame, 0LL)), totalFrames);
+    };
+    const auto finish = [&]
+    {
+        Finished = true;
+        Playing = false;
+    };
+    DurationSec = secondsAt(totalFrames);
+
+    auto output = std::make_unique<PipeWirePlayer>();
+    if (!output->Init(SampleRate, Channels))
+    {
+        SetLastError("Failed to initialize PipeWire audio output.");
+        return finish(); // which leaves the new sink to its owner here
+    }
+    output->SetActive(true);
+    InstallOutput(std::move(output));
+    AnchorClock(StartSeconds, 0.0);
+
+    // 10 ms, or more where that would be too short to be worth a round.
+    const int chunkFrames = std::max(SampleRate / kPcmChunksPerSecond, kMinPcmChunkFrames);
+    const auto channels = static_cast<size_t>(Channels);
+    std::vector<float> chunk;
+    size_t framePos = frameAt(StartSeconds);
+    // A pending seek counts as more to play: it may lead back from the end.
+    while (!StopRequested && (framePos < totalFrames || SeekRequested))
+    {
+        if (SeekRequested.exchange(false))
+        {
+            const double target = SeekTarget();
+            framePos = frameAt(target);
+            CurrentSec = target;
+            PausedPresentationSec = target;
+            AnchorClock(target, PresentedSeconds());
+            QueuedSourceEndSec = target;
+            if (AudioOutput)
+                AudioOutput->Clear();
+        }
+        while (!StopRequested && !SeekRequested && Paused)
+            std::this_thread::sleep_for(kPausePoll);
+        if (StopRequested)
+            break;
+        if (SeekRequested)
+            continue;
+        while (!StopRequested && !SeekRequested && AudioOutput &&
+               AudioOutput->QueuedSeconds() > kPcmQueueLimitSeconds)
+            std::this_thread::sleep_for(kQueuePoll);
+        if (StopRequested)
+            break;
+        if (SeekRequested || !AudioOutput)
+            continue;
+
+        const size_t count = std::min(static_cast<size_t>(chunkFrames), totalFrames - framePos);
+        if (count == 0)
+            continue; // a seek to the very end
+        const float* first = Frames.data() + framePos * channels;
+        chunk.assign(first, first + count * channels);
+        const int frames = static_cast<int>(count);
+        ApplyEqualizer(chunk.data(), frames, Channels, SampleRate);
+        ApplyGainAndPan(chunk.data(), frames, Channels);
+        CaptureSpectrumSamples(chunk.data(), frames, Channels);
+        TapAndPush(chunk.data(), frames, Channels, SampleRate, secondsAt(framePos));
+        framePos += count;
+        QueuedSourceEndSec = secondsAt(framePos);
+        CurrentSec = Clamped(secondsAt(framePos), 0.0, DurationSec);
+    }
+
+    while (AudioOutput && AudioOutput->QueuedSeconds() > kDrainedSeconds && !StopRequested)
+    {
+        CurrentSec = std::min(secondsAt(framePos), DurationSec.load());
+        std::this_thread::sleep_for(kDrainPoll);
+    }
+    if (AudioOutput)
+        AudioOutput->SetActive(false);
+    finish();
+}
