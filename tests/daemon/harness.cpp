@@ -1,0 +1,607 @@
+#include "harness.h"
+
+#include "pipewire_player.h"
+
+#include <pipewire/pipewire.h>
+#include <spa/param/audio/format-utils.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cmath>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <filesystem>
+#include <fstream>
+#include <iostream>
+#include <iterator>
+#include <spawn.h>
+#include <stdexcept>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+#include <utility>
+
+extern char** environ;
+
+namespace
+{
+
+constexpr size_t kBytesPerFrame = kSinkChannels * sizeof(float);
+constexpr size_t kPrintedBreaks = 8;
+
+// A failure of the machinery that leaves nothing to go on with: the case ends here.
+[[noreturn]] void GiveUp(const std::string& what)
+{
+    throw std::runtime_error(what);
+}
+
+std::string ReadFile(const std::string& path)
+{
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+}
+
+size_t EntriesOf(const char* directory)
+{
+    const std::filesystem::directory_iterator entries(directory);
+    return static_cast<size_t>(std::distance(begin(entries), end(entries)));
+}
+
+sockaddr_un SocketAddress(const std::string& directory)
+{
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    const std::string path = directory + "/pipewire-0";
+    if (path.size() >= sizeof address.sun_path)
+        GiveUp("a socket's path is too long: " + path);
+    std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
+    return address;
+}
+
+} // namespace
+
+// ------------------------------------------------------------------------------------------------
+// Waiting
+
+void SleepMs(int milliseconds)
+{
+    std::this_thread::sleep_for(std::chrono::milliseconds(milliseconds));
+}
+
+bool WaitUntil(const std::function<bool()>& condition, int everyMs)
+{
+    const auto deadline = std::chrono::steady_clock::now() + kPatience;
+    while (!condition())
+    {
+        if (std::chrono::steady_clock::now() > deadline)
+            return false;
+        SleepMs(everyMs);
+    }
+    return true;
+}
+
+std::chrono::milliseconds DurationOf(const std::function<void()>& call)
+{
+    const auto start = std::chrono::steady_clock::now();
+    call();
+    return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() -
+                                                                 start);
+}
+
+// ------------------------------------------------------------------------------------------------
+// Processes and files
+
+std::string RuntimePath(const std::string& name)
+{
+    const char* directory = std::getenv("XDG_RUNTIME_DIR");
+    return std::string(directory ? directory : "") + "/" + name;
+}
+
+ChildProcess::ChildProcess(const std::vector<std::string>& arguments, const std::string& outputPath)
+{
+    std::vector<char*> argv;
+    for (const std::string& argument : arguments)
+        argv.push_back(const_cast<char*>(argument.c_str()));
+    argv.push_back(nullptr);
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+    posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, outputPath.c_str(),
+                                     O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    const int rc = posix_spawnp(&m_pid, argv[0], &actions, nullptr, argv.data(), environ);
+    posix_spawn_file_actions_destroy(&actions);
+    if (rc != 0)
+        GiveUp(arguments[0] + " does not start: " + std::strerror(rc));
+}
+
+ChildProcess::~ChildProcess()
+{
+    if (m_pid < 0)
+        return;
+    kill(m_pid, SIGKILL);
+    Wait();
+}
+
+int ChildProcess::Wait()
+{
+    if (m_pid > 0)
+    {
+        while (waitpid(m_pid, &m_status, 0) < 0 && errno == EINTR)
+        {
+        }
+        m_pid = -1;
+    }
+    return WIFEXITED(m_status) ? WEXITSTATUS(m_status) : -1;
+}
+
+std::string OutputOf(const std::vector<std::string>& arguments)
+{
+    const std::string path = RuntimePath("output");
+    ChildProcess child(arguments, path);
+    EXPECT_EQ(child.Wait(), 0) << arguments[0];
+    return ReadFile(path);
+}
+
+void RunFfmpeg(std::vector<std::string> arguments)
+{
+    arguments.insert(arguments.begin(), {"ffmpeg", "-nostdin", "-y", "-v", "error"});
+    ASSERT_EQ(ChildProcess(arguments).Wait(), 0) << arguments.back();
+}
+
+std::vector<float> ReadFloats(const std::string& path)
+{
+    const std::string bytes = ReadFile(path);
+    std::vector<float> samples(bytes.size() / sizeof(float));
+    std::memcpy(samples.data(), bytes.data(), samples.size() * sizeof(float));
+    return samples;
+}
+
+void WriteFloats(const std::string& path, const std::vector<float>& samples)
+{
+    std::ofstream file(path, std::ios::binary);
+    file.write(reinterpret_cast<const char*>(samples.data()),
+               static_cast<std::streamsize>(samples.size() * sizeof(float)));
+    ASSERT_TRUE(file.flush()) << path;
+}
+
+// ------------------------------------------------------------------------------------------------
+// The daemon
+
+pid_t DaemonPid()
+{
+    // Whoever listens on a socket is known to those who connect to it.
+    const int client = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const sockaddr_un address = SocketAddress(RuntimePath(""));
+    ucred daemon{};
+    socklen_t size = sizeof daemon;
+    const bool bKnown =
+        connect(client, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0 &&
+        getsockopt(client, SOL_SOCKET, SO_PEERCRED, &daemon, &size) == 0;
+    close(client);
+    if (!bKnown || daemon.pid <= 0)
+        GiveUp("the daemon's process is not known");
+    return daemon.pid;
+}
+
+StoppedDaemon::StoppedDaemon() : m_pid(DaemonPid())
+{
+    kill(m_pid, SIGSTOP);
+}
+
+StoppedDaemon::~StoppedDaemon()
+{
+    kill(m_pid, SIGCONT);
+}
+
+bool DaemonDroppedCycles()
+{
+    const std::string log = ReadFile(RuntimePath("pipewire.log"));
+    return log.find("graph not finished") != std::string::npos ||
+           log.find("client missed") != std::string::npos || log.find("XRun!") != std::string::npos;
+}
+
+void KillDaemon()
+{
+    const pid_t daemon = DaemonPid();
+    kill(daemon, SIGKILL);
+    // It stays a zombie until the script that started it waits for it.
+    const auto bGone = [&]
+    {
+        const std::string stat = ReadFile("/proc/" + std::to_string(daemon) + "/stat");
+        return stat.empty() || stat.find(") Z ") != std::string::npos;
+    };
+    if (!WaitUntil(bGone))
+        GiveUp("the daemon survives SIGKILL");
+}
+
+OtherRuntimeDirectory::OtherRuntimeDirectory() :
+    m_path(RuntimePath("other-XXXXXX")), m_previous(RuntimePath(""))
+{
+    m_previous.pop_back();
+    if (!mkdtemp(m_path.data()))
+        GiveUp("no directory " + m_path);
+    setenv("XDG_RUNTIME_DIR", m_path.c_str(), 1);
+    setenv("PIPEWIRE_RUNTIME_DIR", m_path.c_str(), 1);
+}
+
+OtherRuntimeDirectory::~OtherRuntimeDirectory()
+{
+    setenv("XDG_RUNTIME_DIR", m_previous.c_str(), 1);
+    setenv("PIPEWIRE_RUNTIME_DIR", m_previous.c_str(), 1);
+}
+
+MuteDaemon::MuteDaemon() : m_socket(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0))
+{
+    const sockaddr_un address = SocketAddress(m_directory.Path());
+    if (bind(m_socket, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
+        listen(m_socket, 8) != 0)
+        GiveUp(std::string("no socket in ") + m_directory.Path());
+}
+
+MuteDaemon::~MuteDaemon()
+{
+    close(m_socket);
+}
+
+void ForceQuantum(size_t frames)
+{
+    OutputOf({"pw-metadata", "-n", "settings", "0", "clock.force-quantum", std::to_string(frames)});
+}
+
+size_t EngineNodeCount()
+{
+    const std::string nodes = OutputOf({"pw-cli", "ls", "Node"});
+    size_t count = 0;
+    for (size_t at = nodes.find("node.name = \"tovrel\""); at != std::string::npos;
+         at = nodes.find("node.name = \"tovrel\"", at + 1))
+        ++count;
+    return count;
+}
+
+// ------------------------------------------------------------------------------------------------
+// Resources of this process
+
+Resources Resources::Now()
+{
+    return {EntriesOf("/proc/self/task"), EntriesOf("/proc/self/fd")};
+}
+
+std::ostream& operator<<(std::ostream& out, const Resources& resources)
+{
+    return out << resources.threads << " threads, " << resources.descriptors << " descriptors";
+}
+
+void WarmUpLibraries()
+{
+    PipeWirePlayer sink;
+    ASSERT_TRUE(sink.Init(kSinkRate, kSinkChannels));
+}
+
+testing::AssertionResult ComesBackTo(const Resources& before)
+{
+    if (WaitUntil([&] { return Resources::Now() == before; }))
+        return testing::AssertionSuccess();
+    return testing::AssertionFailure() << Resources::Now() << " instead of " << before;
+}
+
+// ------------------------------------------------------------------------------------------------
+// The recording
+
+namespace
+{
+
+constexpr size_t kLongestRecording = 60 * kSinkRate; // frames, longer than a case may take
+
+std::atomic<bool> bAnyRecorded{false};
+std::atomic<bool> bAnyMissedCycles{false};
+
+} // namespace
+
+MonitorRecording::MonitorRecording() : m_samples(kLongestRecording * kSinkChannels)
+{
+    bAnyRecorded = true;
+    Open();
+    if (!WaitUntil([&] { return Now() > 0; }))
+        GiveUp("the recording of the monitor does not start");
+}
+
+MonitorRecording::~MonitorRecording()
+{
+    Close();
+}
+
+void MonitorRecording::Open()
+{
+    pw_init(nullptr, nullptr);
+    m_loop = pw_thread_loop_new("recording", nullptr);
+    // The configuration that gives real-time priority, in the versions that have it.
+    pw_properties* context = std::filesystem::exists("/usr/share/pipewire/client-rt.conf")
+                                 ? pw_properties_new(PW_KEY_CONFIG_NAME, "client-rt.conf", nullptr)
+                                 : nullptr;
+    m_context = pw_context_new(pw_thread_loop_get_loop(m_loop), context, 0);
+    pw_core* core = pw_context_connect(m_context, nullptr, 0);
+    if (!core || pw_thread_loop_start(m_loop) < 0)
+        GiveUp("the recording has no daemon");
+
+    static const pw_stream_events kEvents = []
+    {
+        pw_stream_events events{};
+        events.version = PW_VERSION_STREAM_EVENTS;
+        events.process = [](void* recording)
+        {
+            static_cast<MonitorRecording*>(recording)->TakeBuffer();
+        };
+        return events;
+    }();
+    pw_thread_loop_lock(m_loop);
+    m_stream = pw_stream_new(core, "Recording",
+                             pw_properties_new(PW_KEY_MEDIA_TYPE, "Audio", PW_KEY_MEDIA_CATEGORY,
+                                               "Capture", PW_KEY_NODE_NAME, "recording",
+                                               PW_KEY_TARGET_OBJECT, "null-sink",
+                                               PW_KEY_STREAM_CAPTURE_SINK, "true", nullptr));
+    m_listener = new spa_hook{};
+    pw_stream_add_listener(m_stream, m_listener, &kEvents, this);
+    spa_audio_info_raw info{};
+    info.format = SPA_AUDIO_FORMAT_F32;
+    info.rate = kSinkRate;
+    info.channels = kSinkChannels;
+    info.position[0] = SPA_AUDIO_CHANNEL_FL;
+    info.position[1] = SPA_AUDIO_CHANNEL_FR;
+    std::array<uint8_t, 1024> podBuffer;
+    spa_pod_builder builder{};
+    spa_pod_builder_init(&builder, podBuffer.data(), podBuffer.size());
+    const spa_pod* params[] = {spa_format_audio_raw_build(&builder, SPA_PARAM_EnumFormat, &info)};
+    const auto flags = static_cast<pw_stream_flags>(
+        PW_STREAM_FLAG_AUTOCONNECT | PW_STREAM_FLAG_MAP_BUFFERS | PW_STREAM_FLAG_RT_PROCESS);
+    pw_stream_connect(m_stream, PW_DIRECTION_INPUT, PW_ID_ANY, flags, params, 1);
+    pw_thread_loop_unlock(m_loop);
+}
+
+void MonitorRecording::Close()
+{
+    if (!m_loop)
+        return;
+    pw_thread_loop_stop(m_loop);
+    if (m_stream)
+        pw_stream_destroy(m_stream);
+    if (m_context)
+        pw_context_destroy(m_context);
+    pw_thread_loop_destroy(m_loop);
+    delete m_listener;
+    m_listener = nullptr;
+    m_stream = nullptr;
+    m_context = nullptr;
+    m_loop = nullptr;
+}
+
+void MonitorRecording::TakeBuffer() noexcept
+{
+    pw_buffer* buffer = pw_stream_dequeue_buffer(m_stream);
+    if (!buffer)
+        return;
+    pw_time time{};
+    pw_stream_get_time_n(m_stream, &time, sizeof time);
+    const spa_data& data = buffer->buffer->datas[0];
+    const size_t recorded = m_frames;
+    const size_t frames =
+        std::min<size_t>(data.chunk->size / kBytesPerFrame, kLongestRecording - recorded);
+    if (data.data && frames > 0)
+    {
+        if (recorded > 0 && time.ticks != m_nextTicks)
+            bAnyMissedCycles = true;
+        m_nextTicks = time.ticks + frames;
+        std::memcpy(m_samples.data() + recorded * kSinkChannels,
+                    static_cast<const uint8_t*>(data.data) + data.chunk->offset,
+                    frames * kBytesPerFrame);
+        m_frames = recorded + frames;
+    }
+    pw_stream_queue_buffer(m_stream, buffer);
+}
+
+bool MonitorRecording::AnyMissedCycles()
+{
+    return bAnyMissedCycles;
+}
+
+bool MonitorRecording::AnyRecorded()
+{
+    return bAnyRecorded;
+}
+
+void MonitorRecording::AwaitMore(size_t frames) const
+{
+    const size_t wanted = Now() + frames;
+    if (!WaitUntil([&] { return Now() >= wanted; }))
+        GiveUp("the recording of the monitor does not run");
+}
+
+std::vector<float> MonitorRecording::Finish(size_t tailFrames)
+{
+    AwaitMore(tailFrames);
+    Close();
+    m_samples.resize(m_frames * kSinkChannels);
+    return std::move(m_samples);
+}
+
+// ------------------------------------------------------------------------------------------------
+// The indexed signal
+
+std::vector<float> IndexedFrames(size_t first, size_t count)
+{
+    if (first + count > kIndexLimit)
+        GiveUp("the indexed signal is not that long");
+    std::vector<float> samples;
+    samples.reserve(count * kSinkChannels);
+    for (size_t index = first; index < first + count; ++index)
+    {
+        const float value = static_cast<float>(index + 1) / static_cast<float>(kIndexLimit);
+        samples.push_back(value);
+        samples.push_back(-value);
+    }
+    return samples;
+}
+
+Heard FindIndexed(const std::vector<float>& recording, size_t first, size_t count)
+{
+    Heard heard;
+    heard.first = first;
+    heard.count = count;
+    std::vector<bool> wasHeard(count);
+    size_t latest = 0;
+    size_t silence = 0;
+    for (size_t frame = 0; frame < recording.size() / kSinkChannels; ++frame)
+    {
+        const float left = recording[frame * kSinkChannels];
+        const float right = recording[frame * kSinkChannels + 1];
+        if (left == 0.0f && right == 0.0f)
+        {
+            ++silence;
+            continue;
+        }
+        const double scaled = static_cast<double>(left) * static_cast<double>(kIndexLimit);
+        if (left != -right || scaled < 1.0 || scaled != std::floor(scaled))
+        {
+            ++heard.altered;
+            continue;
+        }
+        const size_t index = static_cast<size_t>(scaled) - 1;
+        heard.outOfOrder += index < latest ? 1 : 0;
+        latest = std::max(latest, index);
+        if (!heard.indices.empty() && silence > 0)
+        {
+            ++heard.gaps;
+            heard.longestGap = std::max(heard.longestGap, silence);
+        }
+        silence = 0;
+        heard.indices.push_back(static_cast<uint32_t>(index));
+        heard.positions.push_back(static_cast<uint32_t>(frame));
+        if (index < first || index >= first + count)
+            ++heard.foreign;
+        else if (wasHeard[index - first])
+            ++heard.repeated;
+        else
+            wasHeard[index - first] = true;
+    }
+
+    const auto firstHeard = std::find(wasHeard.begin(), wasHeard.end(), true);
+    const auto lastHeard = std::find(wasHeard.rbegin(), wasHeard.rend(), true);
+    heard.missingAtStart = static_cast<size_t>(firstHeard - wasHeard.begin());
+    heard.missingAtEnd = static_cast<size_t>(lastHeard - wasHeard.rbegin());
+    if (firstHeard != wasHeard.end())
+    {
+        heard.lostBetween = static_cast<size_t>(std::count(firstHeard, lastHeard.base(), false));
+        heard.firstLost =
+            first +
+            static_cast<size_t>(std::find(firstHeard, lastHeard.base(), false) - wasHeard.begin());
+    }
+    std::cout << heard << std::endl;
+    return heard;
+}
+
+std::ostream& operator<<(std::ostream& out, const Heard& heard)
+{
+    out << "of " << heard.count << " frames: missing at start " << heard.missingAtStart
+        << ", missing at end " << heard.missingAtEnd << ", lost between " << heard.lostBetween;
+    if (heard.lostBetween > 0)
+        out << " (the first is " << heard.firstLost << ")";
+    out << ", repeated " << heard.repeated << ", out of order " << heard.outOfOrder << ", altered "
+        << heard.altered << ", foreign " << heard.foreign << "; silences " << heard.gaps
+        << ", the longest " << heard.longestGap << " frames";
+    // Where the sequence breaks: the frame before, the frame after, what stood between.
+    size_t breaks = 0;
+    for (size_t at = 1; at < heard.indices.size() && breaks < kPrintedBreaks; ++at)
+    {
+        if (heard.indices[at] == heard.indices[at - 1] + 1)
+            continue;
+        ++breaks;
+        out << "\n  " << heard.indices[at - 1] << " -> " << heard.indices[at] << " after "
+            << heard.positions[at] - heard.positions[at - 1] - 1 << " other frames, at "
+            << heard.positions[at];
+    }
+    return out;
+}
+
+testing::AssertionResult IsComplete(const Heard& heard)
+{
+    const bool bComplete = heard.missingAtStart == 0 && heard.missingAtEnd == 0 &&
+                           heard.lostBetween == 0 && heard.repeated == 0 && heard.outOfOrder == 0 &&
+                           heard.altered == 0 && heard.foreign == 0;
+    return (bComplete ? testing::AssertionSuccess() : testing::AssertionFailure()) << heard;
+}
+
+// ------------------------------------------------------------------------------------------------
+// Other material
+
+testing::AssertionResult HoldsInOrder(const std::vector<float>& recording,
+                                      const std::vector<float>& expected, float tolerance,
+                                      size_t mayMissAtEnd)
+{
+    const size_t frames = expected.size() / kSinkChannels;
+    size_t next = 0; // of the expected frames
+    float worst = 0.0f;
+    for (size_t at = 0; at < recording.size() / kSinkChannels; ++at)
+    {
+        const float* heard = &recording[at * kSinkChannels];
+        const bool bSilent = heard[0] == 0.0f && heard[1] == 0.0f;
+        if (next == frames)
+        {
+            if (!bSilent)
+                return testing::AssertionFailure() << "sound after the end, at frame " << at;
+            continue;
+        }
+        const float* wanted = &expected[next * kSinkChannels];
+        if (bSilent && (wanted[0] != 0.0f || wanted[1] != 0.0f))
+            continue;
+        const float difference =
+            std::max(std::fabs(heard[0] - wanted[0]), std::fabs(heard[1] - wanted[1]));
+        if (difference > tolerance)
+            return testing::AssertionFailure()
+                   << "frame " << next << " of " << frames << " is " << heard[0] << " " << heard[1]
+                   << " instead of " << wanted[0] << " " << wanted[1] << " (frame " << at
+                   << " of the recording)";
+        worst = std::max(worst, difference);
+        ++next;
+    }
+    std::cout << "of " << frames << " frames: missing at start 0, missing at end " << frames - next
+              << ", greatest difference " << worst << std::endl;
+    if (frames - next > mayMissAtEnd)
+        return testing::AssertionFailure() << frames - next << " of " << frames << " missing";
+    return testing::AssertionSuccess();
+}
+
+double SumOfChannel(const std::vector<float>& recording, size_t channel)
+{
+    double sum = 0.0;
+    for (size_t at = channel; at < recording.size(); at += kSinkChannels)
+        sum += static_cast<double>(recording[at]);
+    return sum;
+}
+
+// ------------------------------------------------------------------------------------------------
+// The sink
+
+void PushFrames(PipeWirePlayer& sink, const std::vector<float>& samples)
+{
+    sink.PushBytes(reinterpret_cast<const uint8_t*>(samples.data()),
+                   samples.size() * sizeof(float));
+}
+
+bool DrainAsWorkersDo(PipeWirePlayer& sink)
+{
+    constexpr double kPlayedOutSeconds = 0.02;
+    constexpr int kPollMs = 20;
+    const auto deadline = std::chrono::steady_clock::now() + kPatience;
+    while (sink.QueuedSeconds() > kPlayedOutSeconds)
+    {
+        if (std::chrono::steady_clock::now() > deadline)
+            return false;
+        SleepMs(kPollMs);
+    }
+    sink.SetActive(false);
+    return true;
+}

@@ -1,0 +1,46 @@
+#include "harness.h"
+
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <cstdlib>
+#include <filesystem>
+#include <iostream>
+#include <unistd.h>
+
+namespace
+{
+
+// A case that hangs ends by itself, so that its daemon is cleaned up after.
+constexpr unsigned kWatchdogSeconds = 60;
+
+constexpr int kWrongPlace = 2;
+constexpr int kInconclusive = 75; // for the launcher: to be tried again
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    testing::InitGoogleTest(&argc, argv);
+    if (testing::GTEST_FLAG(list_tests))
+        return RUN_ALL_TESTS();
+    // What is played here is noise, and some cases kill the daemon: never a user's own session.
+    if (!std::filesystem::exists(RuntimePath("wireplumber.pid")))
+    {
+        std::cerr << "These tests run under scripts/with-null-sink only.\n";
+        return kWrongPlace;
+    }
+    unsetenv("PIPEWIRE_DEBUG");    // the daemon's log is wanted, not this process's
+    std::signal(SIGPIPE, SIG_IGN); // some daemons go away in the middle of a write
+    if (testing::UnitTest::GetInstance()->test_to_run_count() == 1)
+        alarm(kWatchdogSeconds);
+    const int status = RUN_ALL_TESTS();
+    // Only what was recorded depends on the machine in that way.
+    if (status != 0 && MonitorRecording::AnyRecorded() &&
+        (MonitorRecording::AnyMissedCycles() || DaemonDroppedCycles()))
+    {
+        std::cout << "No verdict: the graph was kept waiting and dropped cycles." << std::endl;
+        return kInconclusive;
+    }
+    return status;
+}

@@ -1,0 +1,413 @@
+// The ten-band equalizer against its formulae and against its mathematics.
+#include "playback.h"
+
+#include <algorithm>
+#include <bit>
+#include <cmath>
+#include <complex>
+#include <limits>
+#include <thread>
+
+namespace
+{
+
+constexpr double kTwoPi = 6.283185307179586;
+constexpr double kFrequenciesHz[10] = {31, 62, 125, 250, 500, 1000, 2000, 4000, 8000, 16000};
+
+// A plain rendering of one band, to be met bit for bit.
+struct PlainBand
+{
+    double b0, b1, b2, a1, a2;
+    double z1[2] = {0, 0};
+    double z2[2] = {0, 0};
+
+    PlainBand(double rate, double hz, double dB)
+    {
+        const double nyquist = std::max(rate * 0.5, 1.0);
+        const double freq = std::min(std::max(hz, 1.0), nyquist * 0.94);
+        const double a = std::pow(10.0, dB / 40.0);
+        const double omega = freq * kTwoPi / rate;
+        const double alpha = std::sin(omega) / 2.3;
+        const double a0 = 1.0 + alpha / a;
+        b0 = (1.0 + alpha * a) / a0;
+        b1 = (-2.0 * std::cos(omega)) / a0;
+        b2 = (1.0 - alpha * a) / a0;
+        a1 = (-2.0 * std::cos(omega)) / a0;
+        a2 = (1.0 - alpha / a) / a0;
+    }
+
+    float Process(float sample, int channel)
+    {
+        const int ch = channel > 1 ? 1 : channel;
+        const double x = sample;
+        const double out = b0 * x + z1[ch];
+        z1[ch] = b1 * x - a1 * out + z2[ch];
+        z2[ch] = b2 * x - a2 * out;
+        return static_cast<float>(out < -4.0 ? -4.0 : out > 4.0 ? 4.0 : out);
+    }
+
+    double MagnitudeDb(double hz, double rate) const
+    {
+        const std::complex<double> z = std::polar(1.0, -kTwoPi * hz / rate);
+        return 20.0 *
+               std::log10(std::abs((b0 + b1 * z + b2 * z * z) / (1.0 + a1 * z + a2 * z * z)));
+    }
+};
+
+struct PlainEqualizer
+{
+    std::vector<PlainBand> bands;
+
+    PlainEqualizer(double rate, const std::array<double, 10>& gains)
+    {
+        for (size_t band = 0; band < 10; ++band)
+            bands.emplace_back(rate, kFrequenciesHz[band], gains[band]);
+    }
+
+    std::vector<float> Run(std::vector<float> samples, int channels)
+    {
+        for (size_t i = 0; i < samples.size(); ++i)
+            for (PlainBand& band : bands)
+                samples[i] = band.Process(samples[i], static_cast<int>(i) % channels);
+        return samples;
+    }
+};
+
+std::vector<uint32_t> Bits(const std::vector<float>& samples)
+{
+    std::vector<uint32_t> bits(samples.size());
+    std::transform(samples.begin(), samples.end(), bits.begin(),
+                   [](float sample) { return std::bit_cast<uint32_t>(sample); });
+    return bits;
+}
+
+// Every test runs on a thread of its own, as every playback does: the history belongs to it.
+class Equalizer : public Playback
+{
+protected:
+    std::vector<float> Run(std::vector<float> samples, int channels, int rate = 48000) const
+    {
+        access.ApplyEqualizer(samples.data(), static_cast<int>(samples.size()) / channels, channels,
+                              rate);
+        return samples;
+    }
+
+    template <typename Function>
+    static void OnNewThread(Function function)
+    {
+        std::thread(function).join();
+    }
+
+    const std::array<double, 10> gains = {3, -6, 9, -12, 18, -18, 0.5, -0.5, 6, -3};
+};
+
+} // namespace
+
+TEST_F(Equalizer, FlatIsBitIdenticalToItsInput)
+{
+    const std::vector<float> samples = Ramp(1000, 2);
+    EXPECT_EQ(Bits(Run(samples, 2)), Bits(samples));
+}
+
+TEST_F(Equalizer, GainsWithinAHundredthOfADecibelAreFlat)
+{
+    for (size_t band = 0; band < 10; ++band)
+        player.SetEqualizerBandGain(band, band % 2 ? 0.01 : -0.01);
+    const std::vector<float> samples = Ramp(1000, 2);
+    EXPECT_EQ(Bits(Run(samples, 2)), Bits(samples));
+}
+
+TEST_F(Equalizer, OneBandJustOffFlatRunsTheWholeChain)
+{
+    OnNewThread(
+        [&]
+        {
+            player.SetEqualizerBandGain(4, 0.011);
+            const std::vector<float> samples = Ramp(1000, 2);
+            std::array<double, 10> one{};
+            one[4] = 0.011;
+            const std::vector<float> out = Run(samples, 2);
+            EXPECT_EQ(Bits(out), Bits(PlainEqualizer(48000, one).Run(samples, 2)));
+            EXPECT_NE(Bits(out), Bits(samples));
+        });
+}
+
+TEST_F(Equalizer, OffIsBitIdenticalToItsInput)
+{
+    player.SetEqualizerBands(false, gains);
+    const std::vector<float> samples = Ramp(1000, 2);
+    EXPECT_EQ(Bits(Run(samples, 2)), Bits(samples));
+}
+
+TEST_F(Equalizer, BitForBitTheFormulae)
+{
+    for (const int channels : {1, 2, 4, 6})
+    {
+        for (const int rate : {8000, 22050, 44100, 48000, 192000})
+        {
+            OnNewThread(
+                [&]
+                {
+                    player.SetEqualizerBands(true, gains);
+                    PlainEqualizer plain(rate, gains);
+                    for (const size_t frames : {1u, 64u, 480u, 513u, 1024u})
+                    {
+                        const std::vector<float> samples = Ramp(frames, channels);
+                        EXPECT_EQ(Bits(Run(samples, channels, rate)),
+                                  Bits(plain.Run(samples, channels)))
+                            << channels << " channels, " << rate << " Hz, " << frames << " frames";
+                    }
+                });
+        }
+    }
+}
+
+TEST_F(Equalizer, EveryBandHasItsGainAtItsCentre)
+{
+    for (size_t band = 0; band < 10; ++band)
+    {
+        OnNewThread(
+            [&]
+            {
+                std::array<double, 10> one{};
+                one[band] = 6.0;
+                player.SetEqualizerBands(true, one);
+                // The response is the transform of what an impulse leaves behind.
+                std::vector<float> impulse(48000, 0.0f);
+                impulse[0] = 1.0f;
+                const std::vector<float> response = Run(impulse, 1);
+                for (const double hz : {kFrequenciesHz[band], kFrequenciesHz[band] * 1.3, 700.0})
+                {
+                    std::complex<double> sum = 0.0;
+                    for (size_t i = 0; i < response.size(); ++i)
+                        sum += static_cast<double>(response[i]) *
+                               std::polar(1.0, -kTwoPi * hz * static_cast<double>(i) / 48000.0);
+                    EXPECT_NEAR(20.0 * std::log10(std::abs(sum)),
+                                PlainBand(48000, kFrequenciesHz[band], 6.0).MagnitudeDb(hz, 48000),
+                                0.01) // float rounding between the bands
+                        << "band " << band << " at " << hz << " Hz";
+                }
+                EXPECT_NEAR(PlainBand(48000, kFrequenciesHz[band], 6.0)
+                                .MagnitudeDb(kFrequenciesHz[band], 48000),
+                            6.0, 1e-9);
+            });
+    }
+}
+
+TEST_F(Equalizer, TopBandStaysBelowNyquist)
+{
+    OnNewThread(
+        [&]
+        {
+            std::array<double, 10> top{};
+            top[9] = 12.0;
+            player.SetEqualizerBands(true, top);
+            std::vector<float> impulse(2205, 0.0f);
+            impulse[0] = 1.0f;
+            std::vector<float> expected = impulse;
+            PlainBand moved(22050, 10363.5, 12.0); // 94 % of 11025 Hz
+            for (float& sample : expected)
+                sample = moved.Process(sample, 0);
+            const std::vector<float> out = Run(impulse, 1, 22050);
+            for (size_t i = 0; i < out.size(); ++i)
+                ASSERT_NEAR(out[i], expected[i], 1e-5f) << i;
+        });
+}
+
+TEST_F(Equalizer, HistoryGoesOnFromBlockToBlock)
+{
+    OnNewThread(
+        [&]
+        {
+            player.SetEqualizerBands(true, gains);
+            const std::vector<float> whole = Ramp(1000, 2);
+            const std::vector<float> expected = PlainEqualizer(48000, gains).Run(whole, 2);
+            std::vector<float> out;
+            for (size_t at = 0; at < 2000; at += 200)
+            {
+                const auto from = whole.begin() + static_cast<ptrdiff_t>(at);
+                const std::vector<float> block = Run({from, from + 200}, 2);
+                out.insert(out.end(), block.begin(), block.end());
+            }
+            EXPECT_EQ(Bits(out), Bits(expected));
+        });
+}
+
+TEST_F(Equalizer, ChangingOneGainClearsTheHistoryOfAllBands)
+{
+    OnNewThread(
+        [&]
+        {
+            player.SetEqualizerBands(true, gains);
+            Run(Ramp(1000, 2), 2);
+            std::array<double, 10> changed = gains;
+            changed[7] = 2.0;
+            player.SetEqualizerBandGain(7, 2.0);
+            const std::vector<float> samples = Ramp(500, 2);
+            EXPECT_EQ(Bits(Run(samples, 2)), Bits(PlainEqualizer(48000, changed).Run(samples, 2)));
+        });
+}
+
+TEST_F(Equalizer, AnotherRateConfiguresAnewAndClearsTheHistory)
+{
+    OnNewThread(
+        [&]
+        {
+            player.SetEqualizerBands(true, gains);
+            Run(Ramp(1000, 2), 2, 48000);
+            const std::vector<float> samples = Ramp(500, 2);
+            EXPECT_EQ(Bits(Run(samples, 2, 44100)),
+                      Bits(PlainEqualizer(44100, gains).Run(samples, 2)));
+        });
+}
+
+TEST_F(Equalizer, BypassNeitherRunsNorClearsTheHistory)
+{
+    OnNewThread(
+        [&]
+        {
+            player.SetEqualizerBands(true, gains);
+            PlainEqualizer plain(48000, gains);
+            const std::vector<float> samples = Ramp(500, 2);
+            Run(samples, 2);
+            plain.Run(samples, 2);
+            player.SetEqualizerEnabled(false);
+            Run(samples, 2);
+            player.SetEqualizerEnabled(true);
+            EXPECT_EQ(Bits(Run(samples, 2)), Bits(plain.Run(samples, 2)));
+        });
+}
+
+TEST_F(Equalizer, NewThreadStartsWithSilentHistory)
+{
+    player.SetEqualizerBands(true, gains);
+    const std::vector<float> samples = Ramp(500, 2);
+    std::vector<float> first;
+    std::vector<float> second;
+    OnNewThread([&] { first = Run(samples, 2); });
+    OnNewThread([&] { second = Run(samples, 2); });
+    EXPECT_EQ(Bits(first), Bits(second));
+}
+
+TEST_F(Equalizer, BandOutputIsLimitedToExactlyFour)
+{
+    OnNewThread(
+        [&]
+        {
+            std::array<double, 10> last{};
+            last[9] = 18.0;
+            player.SetEqualizerBands(true, last);
+            std::vector<float> loud(2000);
+            for (size_t i = 0; i < loud.size(); ++i)
+                loud[i] = i % 3 == 0 ? 3.0f : -3.0f;
+            const std::vector<float> out = Run(loud, 1);
+            EXPECT_EQ(*std::max_element(out.begin(), out.end()), 4.0f);
+            EXPECT_EQ(*std::min_element(out.begin(), out.end()), -4.0f);
+        });
+}
+
+TEST_F(Equalizer, LimitIsAppliedBeforeTheNextBand)
+{
+    OnNewThread(
+        [&]
+        {
+            std::array<double, 10> two{};
+            two[3] = 18.0;
+            two[9] = -18.0;
+            player.SetEqualizerBands(true, two);
+            std::vector<float> loud(4000);
+            for (size_t i = 0; i < loud.size(); ++i)
+                loud[i] = 2.0f * static_cast<float>(
+                                     std::sin(kTwoPi * 250.0 * static_cast<double>(i) / 48000.0));
+            EXPECT_EQ(Bits(Run(loud, 1)), Bits(PlainEqualizer(48000, two).Run(loud, 1)));
+        });
+}
+
+TEST_F(Equalizer, ChannelsPastTheSecondShareItsHistory)
+{
+    OnNewThread(
+        [&]
+        {
+            player.SetEqualizerBands(true, gains);
+            const std::vector<float> four = Ramp(300, 4);
+            const std::vector<float> out = Run(four, 4);
+            // Channels 1, 2 and 3 in the order in which they come are one signal of three times the
+            // rate.
+            std::vector<float> shared;
+            for (size_t i = 0; i < four.size(); ++i)
+                if (i % 4 != 0)
+                    shared.push_back(four[i]);
+            const std::vector<float> expected = PlainEqualizer(48000, gains).Run(shared, 1);
+            size_t next = 0;
+            for (size_t i = 0; i < out.size(); ++i)
+            {
+                if (i % 4 != 0)
+                {
+                    ASSERT_EQ(std::bit_cast<uint32_t>(out[i]),
+                              std::bit_cast<uint32_t>(expected[next++]));
+                }
+            }
+        });
+}
+
+TEST_F(Equalizer, MonoLeavesTheSecondHistoryAlone)
+{
+    OnNewThread(
+        [&]
+        {
+            player.SetEqualizerBands(true, gains);
+            Run(Ramp(500, 1), 1);
+            // The right channel must start from silence, the left one from where mono left it.
+            const std::vector<float> stereo = Ramp(200, 2);
+            const std::vector<float> out = Run(stereo, 2);
+            std::vector<float> right;
+            std::vector<float> heard;
+            for (size_t i = 1; i < stereo.size(); i += 2)
+            {
+                right.push_back(stereo[i]);
+                heard.push_back(out[i]);
+            }
+            EXPECT_EQ(Bits(heard), Bits(PlainEqualizer(48000, gains).Run(right, 1)));
+        });
+}
+
+TEST_F(Equalizer, NaNPassesTheLimit)
+{
+    OnNewThread(
+        [&]
+        {
+            player.SetEqualizerBands(true, gains);
+            const std::vector<float> out = Run({std::numeric_limits<float>::quiet_NaN(), 0.5f}, 1);
+            EXPECT_TRUE(std::isnan(out[0]));
+            EXPECT_TRUE(std::isnan(out[1]));
+        });
+}
+
+TEST_F(Equalizer, NaNGainForcesConfigurationEveryBlock)
+{
+    OnNewThread(
+        [&]
+        {
+            access.EqualizerGainsDb()[0] = std::numeric_limits<double>::quiet_NaN();
+            access.EqualizerGainsDb()[5] = 6.0;
+            Run(Ramp(10, 1), 1);
+            // A good gain again: nothing of the NaN is left behind.
+            std::array<double, 10> one{};
+            one[5] = 6.0;
+            player.SetEqualizerBands(true, one);
+            const std::vector<float> samples = Ramp(500, 1);
+            EXPECT_EQ(Bits(Run(samples, 1)), Bits(PlainEqualizer(48000, one).Run(samples, 1)));
+        });
+}
+
+TEST_F(Equalizer, EmptyBlocksAreLeftAlone)
+{
+    player.SetEqualizerBands(true, gains);
+    float sample = 0.5f;
+    access.ApplyEqualizer(nullptr, 1, 1, 48000);
+    access.ApplyEqualizer(&sample, 0, 1, 48000);
+    access.ApplyEqualizer(&sample, 1, 0, 48000);
+    access.ApplyEqualizer(&sample, 1, 1, 0);
+    access.ApplyEqualizer(&sample, -1, -1, -1);
+    EXPECT_EQ(sample, 0.5f);
+}
