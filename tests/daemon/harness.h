@@ -26,11 +26,9 @@ constexpr size_t kQuantum = 1024; // frames of a graph cycle, unless a test forc
 
 // --- Waiting ------------------------------------------------------------------------------------
 
-// `kPatience` is the end of every wait for something that happens within milliseconds on an idle
-// machine.
-
-// What an operation that "returns at once" or "within 2 s" is given beyond that: a busy machine,
-// and sanitizers, are slow.
+// The slack is what an operation that "returns at once" or "within 2 s" is given beyond that, the
+// patience is the end of every wait for something that takes milliseconds on an idle machine. Busy
+// machines are slow, and sanitizers make them slower.
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 constexpr std::chrono::milliseconds kSlack{5000};
 constexpr std::chrono::seconds kPatience{25};

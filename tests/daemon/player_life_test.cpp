@@ -6,8 +6,10 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
 #include <climits>
 #include <memory>
+#include <ostream>
 #include <string>
 #include <thread>
 #include <vector>

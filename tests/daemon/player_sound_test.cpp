@@ -7,6 +7,8 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <iostream>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -278,10 +280,10 @@ TEST(PlayerPause, InTheLastFramesLosesNothing)
 
 // --- Seek ---------------------------------------------------------------------------------------
 
-// How much from before a seek may still be heard after it: what the graph has taken (two cycles),
-// what the recording lags behind (two more), and what plays until the worker looks (8 ms at most,
-// more on a busy machine). A queue that was not dropped is 16800 frames.
-constexpr size_t kStaleLimitFrames = 6 * kQuantum;
+// How much from before a seek may still be heard after it: what the graph has taken, two cycles,
+// and what plays until the worker looks, 8 ms on an idle machine. A queue that was not dropped is
+// 16800 frames.
+constexpr size_t kStaleLimitFrames = 4 * kQuantum;
 
 struct SeekOutcome
 {

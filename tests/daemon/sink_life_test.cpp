@@ -5,8 +5,11 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <climits>
 #include <memory>
+#include <ostream>
+#include <string>
 #include <sys/socket.h>
 #include <thread>
 #include <unistd.h>

@@ -7,7 +7,6 @@
 #include <gtest/gtest.h>
 #include <malloc.h>
 #include <sys/resource.h>
-#include <sys/stat.h>
 
 #include <climits>
 #include <fstream>
@@ -208,9 +207,7 @@ TEST_F(CachedFile, TakesNoDirectory)
 
 TEST_F(CachedFile, TakesNoPipeAndDoesNotWaitForOne)
 {
-    const std::string path = Media::Directory() / "pipe";
-    ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
-    EXPECT_FALSE(Load(path));
+    EXPECT_FALSE(Load(Media::MakePipe("pipe")));
     EXPECT_THAT(error, StartsWith("Failed to stat audio file for preload: "));
 }
 

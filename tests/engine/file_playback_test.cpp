@@ -146,8 +146,7 @@ TEST_F(FilePlayback, TakesAnUnknownDurationAsZero)
 // Through a pipe the worker can be held between the start and its first look at the file.
 TEST_F(FilePlayback, AnchorsTheClockOnceTheSinkIsInstalled)
 {
-    const std::string path = Media::Directory() / "anchor.wav";
-    ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
+    const std::string path = Media::MakePipe("anchor.wav");
     player.PlayFile(path);
     {
         std::ofstream pipe(path, std::ios::binary); // opens when the worker has opened
@@ -819,6 +818,7 @@ TEST_F(FilePlayback, LandsNoLaterThanTheTarget)
                                    { times.push_back(us); });
         player.SeekToSeconds(target);
         VirtualTime::Step(0.008);
+        Stop();
         player.SetAudioPCMCallback({});
         ASSERT_THAT(times, Not(IsEmpty()));
         EXPECT_LE(static_cast<double>(times[0]), target * 1e6);

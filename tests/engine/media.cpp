@@ -1,5 +1,7 @@
 #include "media.h"
 
+#include <sys/stat.h>
+
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
@@ -73,6 +75,15 @@ std::string WriteSparse(const std::string& name, const std::string& start, uint6
 {
     const std::string path = Write(name, start);
     std::filesystem::resize_file(path, size);
+    return path;
+}
+
+std::string MakePipe(const std::string& name)
+{
+    const std::string path = (Directory() / name).string();
+    std::filesystem::remove(path);
+    if (mkfifo(path.c_str(), 0600) != 0)
+        throw std::runtime_error("no pipe: " + path);
     return path;
 }
 

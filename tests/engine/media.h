@@ -25,6 +25,9 @@ std::string Read(const std::string& path);
 // A file of this length that holds `start` and then zeros which take no room on the disk.
 std::string WriteSparse(const std::string& name, const std::string& start, uint64_t size);
 
+// A named pipe.
+std::string MakePipe(const std::string& name);
+
 // The bytes of a WAV file of interleaved samples. Format 3 is 32-bit float; any other is a lie
 // about the same bytes.
 std::string Wav(const std::vector<float>& samples, int rate, int channels, uint16_t format = 3);
