@@ -119,7 +119,7 @@ open_terminal() {
     cat >rc <<END
 PS1='ready> '
 unset HISTFILE
-player=$program
+player=$(printf %q "$program")
 play() {
     stty -a >before
     "\$player" "\$@"
@@ -128,7 +128,7 @@ play() {
     : >ended
 }
 END
-    on_tmux new-session -d -x "$1" -y 24 "bash --noprofile --rcfile rc -i"
+    on_tmux new-session -d -x "$1" -y 24 "exec bash --noprofile --rcfile rc -i"
     wait_for "the shell" sees 'ready>'
 }
 enter() { on_tmux send-keys "$1" Enter; }
