@@ -11,6 +11,7 @@
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <filesystem>
 #include <fstream>
 #include <initializer_list>
@@ -28,6 +29,7 @@ extern "C"
 #include <libavutil/frame.h>
 #include <libavutil/mathematics.h>
 #include <libavutil/mem.h>
+#include <libavutil/opt.h>
 #include <libswresample/swresample.h>
 }
 
@@ -43,13 +45,21 @@ constexpr double kMaxPan = 1.0;
 constexpr double kMaxEqualizerGainDb = 18.0;
 constexpr double kMaxMetadataGain = 4.0; // linear, +12 dB
 
-constexpr std::chrono::milliseconds kQueuePoll{8};  // while the sink holds its limit
+constexpr std::chrono::milliseconds kQueuePoll{8}; // while the sink holds its limit
+constexpr std::chrono::milliseconds kRadioQueuePoll{10};
 constexpr std::chrono::milliseconds kPausePoll{20}; // while paused
 constexpr std::chrono::milliseconds kDrainPoll{20}; // while the last frames play
 
 constexpr double kPcmQueueLimitSeconds = 0.35;
 constexpr double kFileQueueLimitSeconds = 0.5;
+constexpr double kRadioQueueLimitSeconds = 2.0;
 constexpr double kDrainedSeconds = 0.02; // what counts as played out
+
+constexpr int kMaxReconnectAttempts = 300;
+constexpr double kStartBufferSeconds = 0.7; // queued before a connection is heard
+constexpr int kReconnectWaitSteps = 20;
+constexpr std::chrono::milliseconds kReconnectWaitStep{100};
+constexpr std::chrono::seconds kHeartbeat{1}; // between reports that say nothing new
 
 constexpr int kPcmChunksPerSecond = 100;
 constexpr int kMinPcmChunkFrames = 256;
@@ -193,6 +203,23 @@ bool TovrelAudioPlayer::PlayFile(const std::string& Path, std::string* ErrorMess
     return true;
 }
 
+bool TovrelAudioPlayer::PlayStream(const std::string& Url, StreamStatusCallback Callback,
+                                   std::string* ErrorMessage)
+{
+    Stop();
+    if (Url.empty())
+    {
+        AssignMessage(ErrorMessage, "No radio stream URL entered.");
+        return false;
+    }
+    ResetForStart(0.0, 0.0);
+    DecodeThread =
+        std::thread(&TovrelAudioPlayer::StreamThreadMain, this, Url, std::move(Callback));
+    Playing = true; // after the thread, as in PlayFile
+    AssignMessage(ErrorMessage, "");
+    return true;
+}
+
 bool TovrelAudioPlayer::PlayPcm(std::vector<float> Frames, int SampleRate, int Channels,
                                 double StartSeconds, std::string* ErrorMessage)
 {
@@ -233,16 +260,20 @@ void TovrelAudioPlayer::Stop()
     {
         const std::lock_guard lock(AudioOutputMutex);
         if (AudioOutput)
-        {
-            AudioOutput->Clear();
-            AudioOutput->Destroy();
-            AudioOutput.reset();
-        }
+            CloseOutput();
     }
     // StopRequested and Finished stay as they are, so that a host can still tell how it ended; the
     // next Play resets them.
     Playing = false;
     Paused = false;
+}
+
+// Under AudioOutputMutex, with a sink there.
+void TovrelAudioPlayer::CloseOutput()
+{
+    AudioOutput->Clear();
+    AudioOutput->Destroy();
+    AudioOutput.reset();
 }
 
 // Hands a worker's new sink to the player. An older one, if there is any, goes without ceremony.
@@ -892,15 +923,14 @@ const char* MetadataEntry(const AVDictionary* Metadata, const char* Key)
     return entry ? entry->value : nullptr;
 }
 
-[[maybe_unused]] std::string MetadataValue(const AVDictionary* Metadata, const char* Key)
+std::string MetadataValue(const AVDictionary* Metadata, const char* Key)
 {
     const char* value = MetadataEntry(Metadata, Key);
     return value ? value : "";
 }
 
 // The first value of these keys that is not empty, or an empty string.
-[[maybe_unused]] std::string MetadataValueAny(const AVDictionary* Metadata,
-                                              std::initializer_list<const char*> keys)
+std::string MetadataValueAny(const AVDictionary* Metadata, std::initializer_list<const char*> keys)
 {
     for (const char* key : keys)
     {
@@ -1154,6 +1184,403 @@ void TovrelAudioPlayer::DecodeThreadMain(std::string Path)
     if (AudioOutput)
         AudioOutput->SetActive(false);
     finish(); // the sink stays, inactive, until the next Stop
+}
+
+// Radio: opening
+
+namespace
+{
+
+constexpr char kRadioHeaders[] = "Icy-MetaData: 1\r\nUser-Agent: Tovrel/1.0\r\n";
+
+// What is asked of FFmpeg's HTTP layer: titles in the stream, its own quick reconnections (up to 5
+// s apart), and an end to connections and reads that stay silent for 3 s (in microseconds).
+constexpr std::pair<const char*, const char*> kRadioOptions[] = {
+    {"headers", kRadioHeaders},
+    {"icy", "1"},
+    {"reconnect", "1"},
+    {"reconnect_streamed", "1"},
+    {"reconnect_on_network_error", "1"},
+    {"reconnect_delay_max", "5"},
+    {"rw_timeout", "3000000"},
+    {"timeout", "3000000"},
+};
+
+// Where the HTTP content type may stand in a demuxer's metadata.
+constexpr auto kContentTypeKeys = {"content-type", "Content-Type", "mime-type"};
+
+// FFmpeg asks this while it connects and reads; 1 makes it give up.
+int InterruptIfStopped(void* opaque)
+{
+    const auto* player = static_cast<const TovrelAudioPlayer*>(opaque);
+    return player && player->IsStopRequestedForInterrupt() ? 1 : 0;
+}
+
+// FFmpeg keeps the content type to its I/O layer: it goes where the stream's description is read.
+void PublishContentType(AVFormatContext* Format)
+{
+    if (!Format->pb || !MetadataValueAny(Format->metadata, kContentTypeKeys).empty())
+        return;
+    uint8_t* mimeType = nullptr;
+    if (av_opt_get(Format->pb, "mime_type", AV_OPT_SEARCH_CHILDREN, &mimeType) < 0 || !mimeType)
+        return;
+    if (*mimeType)
+        av_dict_set(&Format->metadata, "content-type", reinterpret_cast<const char*>(mimeType), 0);
+    av_free(mimeType);
+}
+
+} // namespace
+
+bool TovrelAudioPlayer::OpenStreamDecoder(const std::string& Url, AVFormatContext** OutFormat,
+                                          AVCodecContext** OutCodec, int* OutStreamIndex,
+                                          std::string* ErrorMessage)
+{
+    AVFormatContext* format = avformat_alloc_context();
+    AVCodecContext* codecContext = nullptr;
+    const auto fail = [&](const std::string& message)
+    {
+        AssignMessage(ErrorMessage, message);
+        avcodec_free_context(&codecContext);
+        avformat_close_input(&format);
+        return false;
+    };
+    if (!format)
+        return fail("Failed to allocate radio stream context.");
+    format->interrupt_callback = {InterruptIfStopped, this};
+
+    AVDictionary* options = nullptr;
+    for (const auto& [key, value] : kRadioOptions)
+        av_dict_set(&options, key, value, 0);
+    int rc = avformat_open_input(&format, Url.c_str(), nullptr, &options);
+    av_dict_free(&options); // with what this build of FFmpeg did not want
+    if (rc < 0)             // which has freed the context already
+        return fail(StopRequested ? "Radio stream open cancelled."
+                                  : "Failed to open radio stream: " + AvErrorText(rc));
+    rc = avformat_find_stream_info(format, nullptr);
+    if (rc < 0)
+        return fail("Failed to read radio stream info: " + AvErrorText(rc));
+    const int streamIndex = av_find_best_stream(format, AVMEDIA_TYPE_AUDIO, -1, -1, nullptr, 0);
+    if (streamIndex < 0)
+        return fail("No audio stream found in radio source.");
+    const AVCodecParameters* parameters = format->streams[streamIndex]->codecpar;
+    const AVCodec* decoder = avcodec_find_decoder(parameters->codec_id);
+    if (!decoder)
+        return fail("No decoder available for this radio stream.");
+    codecContext = avcodec_alloc_context3(decoder);
+    if (!codecContext)
+        return fail("Failed to allocate radio audio decoder.");
+    rc = avcodec_parameters_to_context(codecContext, parameters);
+    if (rc < 0)
+        return fail("Failed to configure radio decoder: " + AvErrorText(rc));
+    rc = avcodec_open2(codecContext, decoder, nullptr);
+    if (rc < 0)
+        return fail("Failed to open radio decoder: " + AvErrorText(rc));
+    PublishContentType(format);
+    *OutFormat = format;
+    *OutCodec = codecContext;
+    *OutStreamIndex = streamIndex;
+    return true;
+}
+
+// Radio: what is known about the stream
+
+namespace
+{
+
+// Ogg streams carry their titles in the audio stream's own tags, never as the server's StreamTitle:
+// this makes one of the other.
+class OggTitles
+{
+public:
+    // To be called whenever the demuxer may have met new tags.
+    void Publish(AVFormatContext* Format, int StreamIndex)
+    {
+        AVStream* stream = Format->streams[StreamIndex];
+        const bool bNewTags =
+            bFirst || (stream->event_flags & AVSTREAM_EVENT_FLAG_METADATA_UPDATED);
+        bFirst = false;
+        stream->event_flags &= ~AVSTREAM_EVENT_FLAG_METADATA_UPDATED;
+        if (!bNewTags || MetadataValue(Format->metadata, "StreamTitle") != published)
+            return; // nothing new, or the server speaks for itself
+        const std::string artist = Take(stream, "artist");
+        const std::string title = Take(stream, "title");
+        if (title.empty())
+            return;
+        published = artist.empty() ? title : artist + " - " + title;
+        av_dict_set(&Format->metadata, "StreamTitle", published.c_str(), 0);
+    }
+
+private:
+    // What is taken is cleared: some demuxers append the next title to the one that stands there.
+    static std::string Take(AVStream* Stream, const char* Key)
+    {
+        const AVDictionaryEntry* entry = av_dict_get(Stream->metadata, Key, nullptr, 0);
+        std::string value = entry ? entry->value : "";
+        av_dict_set(&Stream->metadata, Key, nullptr, 0);
+        return value;
+    }
+
+    bool bFirst = true;
+    std::string published;
+};
+
+void FillStreamInfo(TovrelAudioPlayer::StreamInfo& Info, const AVFormatContext* FormatContext,
+                    const AVCodecContext* CodecContext)
+{
+    if (!FormatContext || !CodecContext)
+        return;
+
+    Info.Codec = avcodec_get_name(CodecContext->codec_id);
+    const AVInputFormat* input = FormatContext->iformat;
+    const char* name = input ? (input->long_name ? input->long_name : input->name) : nullptr;
+    Info.Format = name ? name : "";
+    int64_t bitRate = CodecContext->bit_rate;
+    if (bitRate < 1)
+        bitRate = FormatContext->bit_rate;
+    Info.BitRate = bitRate < 1 ? 0 : static_cast<int>(bitRate); // its low 32 bits
+    Info.SampleRate = CodecContext->sample_rate;
+    Info.Channels = CodecContext->ch_layout.nb_channels;
+
+    const AVDictionary* metadata = FormatContext->metadata;
+    Info.IcyName = MetadataValueAny(metadata, {"icy-name", "icy_name"});
+    Info.IcyGenre = MetadataValueAny(metadata, {"icy-genre", "icy_genre"});
+    Info.IcyBitrate = MetadataValueAny(metadata, {"icy-br", "icy-bitrate", "icy_bitrate"});
+    Info.IcySampleRate = MetadataValueAny(metadata, {"icy-sr", "icy-samplerate", "icy_samplerate"});
+    Info.IcyUrl = MetadataValueAny(metadata, {"icy-url", "icy_url"});
+    Info.IcyPublic = MetadataValueAny(metadata, {"icy-pub", "icy_public"});
+    Info.IcyNotice1 = MetadataValueAny(metadata, {"icy-notice1", "icy_notice1"});
+    Info.IcyNotice2 = MetadataValueAny(metadata, {"icy-notice2", "icy_notice2"});
+    Info.ContentType = MetadataValueAny(metadata, kContentTypeKeys);
+
+    std::string title = MetadataValue(metadata, "StreamTitle");
+    if (title.empty())
+        title = MetadataValue(metadata, "streamtitle");
+    if (title.empty() || title == Info.NowPlaying)
+        return; // between two titles, and after a reconnection, the last one stays
+    Info.NowPlaying = std::move(title);
+    const std::time_t now = std::chrono::system_clock::to_time_t(std::chrono::system_clock::now());
+    std::tm local{};
+    localtime_r(&now, &local);
+    char text[16] = {};
+    std::strftime(text, sizeof text, "%H:%M:%S", &local);
+    Info.LastMetadataTime = text;
+}
+
+} // namespace
+
+// Radio: the stream thread
+
+void TovrelAudioPlayer::ReportStreamState(const StreamStatusCallback& Callback, StreamState State,
+                                          const StreamInfo& Info, const std::string& Text)
+{
+    if (!Callback)
+        return;
+    try
+    {
+        Callback(State, Info, Text);
+    }
+    catch (...)
+    {
+        // A faulty callback costs its host a report, not the music.
+    }
+}
+
+void TovrelAudioPlayer::StreamThreadMain(std::string Url, StreamStatusCallback Callback)
+{
+    StreamInfo streamInfo; // outlives every connection, as do the next two
+    streamInfo.MaxReconnectAttempts = kMaxReconnectAttempts;
+    std::string lastError;
+    // Deliberately never reset: the budget covers the whole playback, not one outage.
+    int reconnectAttempt = 0;
+
+    const auto report = [&](StreamState state, const std::string& text)
+    {
+        ReportStreamState(Callback, state, streamInfo, text);
+    };
+    // Failures that also stand in the player's error text.
+    const auto fail = [&](const std::string& text)
+    {
+        lastError = text;
+        SetLastError(text);
+    };
+
+    // One connection from its opening to its end. True where another attempt makes sense.
+    const auto playConnection = [&]
+    {
+        DecoderChain chain;
+        int outRate = 0;
+        int outChannels = 0;
+        std::string error;
+        if (!OpenStreamDecoder(Url, &chain.format, &chain.codec, &chain.streamIndex, &error) ||
+            !ConfigureResampler(chain.codec, &chain.swr, &outRate, &outChannels, &error))
+        {
+            fail(error.empty() ? "Failed to connect to radio stream." : error);
+            return true;
+        }
+        ResamplerInput resamplerInput{chain.codec->ch_layout.nb_channels, chain.codec->sample_fmt,
+                                      chain.codec->sample_rate};
+        OggTitles oggTitles;
+        const auto refreshInfo = [&]
+        {
+            oggTitles.Publish(chain.format, chain.streamIndex);
+            FillStreamInfo(streamInfo, chain.format, chain.codec);
+        };
+        refreshInfo();
+        streamInfo.ReconnectAttempt = reconnectAttempt;
+        streamInfo.MaxReconnectAttempts = kMaxReconnectAttempts;
+
+        // A live stream has no length, and every connection counts from 0 again.
+        DurationSec = 0.0;
+        CurrentSec = 0.0;
+        PausedPresentationSec = 0.0;
+        QueuedSourceEndSec = 0.0;
+        AnchorClock(0.0, 0.0);
+
+        auto output = std::make_unique<PipeWirePlayer>();
+        if (!output->Init(outRate, outChannels))
+        {
+            fail("Failed to initialize PipeWire audio output.");
+            chain.Release();
+            output.reset();
+            return false;
+        }
+        output->SetActive(false); // silent until the start buffer is full
+        InstallOutput(std::move(output));
+        chain.frame = av_frame_alloc();
+        chain.packet = av_packet_alloc();
+        if (!chain.frame || !chain.packet)
+        {
+            // The sink deliberately stays, inactive, for the next Stop to remove.
+            fail("Failed to allocate FFmpeg radio buffers.");
+            return false;
+        }
+
+        report(StreamState::Buffering, "");
+        bool bOutputActivated = false;
+        bool bReadFailed = false;
+        StreamState lastReportedState = StreamState::Buffering;
+        std::string lastReportedTitle = streamInfo.NowPlaying;
+        auto lastReportedAt = std::chrono::steady_clock::now();
+        const double metadataGain = MetadataGainLinear(chain.format, chain.streamIndex);
+
+        const auto reportChangesAndHeartbeat = [&]
+        {
+            const StreamState currentState =
+                bOutputActivated ? StreamState::Playing : StreamState::Buffering;
+            const auto now = std::chrono::steady_clock::now();
+            if (currentState != lastReportedState || streamInfo.NowPlaying != lastReportedTitle ||
+                now - lastReportedAt >= kHeartbeat)
+            {
+                report(currentState, "");
+                lastReportedTitle = streamInfo.NowPlaying;
+                lastReportedAt = now;
+            }
+            lastReportedState = currentState;
+        };
+
+        const auto pumpFrame = [&](const AVFrame& decodedFrame)
+        {
+            if (!FitResamplerToFrame(decodedFrame, &chain.swr, &resamplerInput, outRate,
+                                     outChannels))
+                return;
+            const int converted =
+                ConvertFrame(decodedFrame, chain.swr, outRate, outChannels, ResampleBuffer);
+            if (converted <= 0)
+                return;
+            while (!StopRequested && AudioOutput &&
+                   AudioOutput->QueuedSeconds() > kRadioQueueLimitSeconds)
+                std::this_thread::sleep_for(kRadioQueuePoll);
+            while (!StopRequested && Paused)
+                std::this_thread::sleep_for(kPausePoll);
+            if (StopRequested || !AudioOutput)
+                return;
+
+            float* samples = ResampleBuffer.data();
+            ApplyEqualizer(samples, converted, outChannels, outRate);
+            ApplyGainAndPan(samples, converted, outChannels, metadataGain);
+            CaptureSpectrumSamples(samples, converted, outChannels);
+            const double endSec = CurrentSec + static_cast<double>(converted) / outRate;
+            CurrentSec = endSec;
+            // Deliberately the end of the block, where files and PCM buffers tell its start.
+            TapAndPush(samples, converted, outChannels, outRate, CurrentSec);
+            QueuedSourceEndSec = endSec;
+            if (bOutputActivated || AudioOutput->QueuedSeconds() < kStartBufferSeconds)
+                return;
+            AudioOutput->SetActive(true);
+            AnchorClock(0.0, 0.0);
+            // Not entered as the last report, so the next packet tells of Playing once more. Hosts
+            // have come to expect the two.
+            report(StreamState::Playing, "");
+            bOutputActivated = true;
+        };
+
+        while (!StopRequested)
+        {
+            refreshInfo();
+            reportChangesAndHeartbeat();
+            const int readRc = av_read_frame(chain.format, chain.packet);
+            if (readRc < 0)
+            {
+                lastError = AvErrorText(readRc);
+                bReadFailed = true;
+                break;
+            }
+            // A packet that the decoder refuses is dropped without a word: the next one may do.
+            if (chain.packet->stream_index == chain.streamIndex &&
+                avcodec_send_packet(chain.codec, chain.packet) == 0)
+            {
+                int receiveRc = 0;
+                while ((receiveRc = avcodec_receive_frame(chain.codec, chain.frame)) == 0)
+                {
+                    pumpFrame(*chain.frame);
+                    av_frame_unref(chain.frame);
+                    if (StopRequested)
+                        break;
+                }
+                if (receiveRc != 0 && receiveRc != AVERROR(EAGAIN) && receiveRc != AVERROR_EOF)
+                {
+                    // Ends as a stop, on purpose: the error text alone tells why.
+                    fail("Radio decode failed: " + AvErrorText(receiveRc));
+                    StopRequested = true;
+                }
+            }
+            av_packet_unref(chain.packet);
+        }
+        {
+            const std::lock_guard lock(AudioOutputMutex);
+            if (AudioOutput)
+            {
+                AudioOutput->SetActive(false);
+                CloseOutput();
+            }
+        }
+        return bReadFailed && !StopRequested;
+    };
+
+    while (!StopRequested)
+    {
+        streamInfo.ReconnectAttempt = reconnectAttempt;
+        report(reconnectAttempt == 0 ? StreamState::Connecting : StreamState::Reconnecting,
+               lastError);
+        if (!playConnection())
+            break;
+        if (++reconnectAttempt > kMaxReconnectAttempts)
+            break;
+        streamInfo.ReconnectAttempt = reconnectAttempt;
+        streamInfo.MaxReconnectAttempts = kMaxReconnectAttempts;
+        report(StreamState::Reconnecting, "retry " + std::to_string(reconnectAttempt) + "/" +
+                                              std::to_string(kMaxReconnectAttempts) + ": " +
+                                              lastError);
+        for (int step = 0; step < kReconnectWaitSteps && !StopRequested; ++step)
+            std::this_thread::sleep_for(kReconnectWaitStep);
+    }
+
+    if (StopRequested)
+        report(StreamState::Stopped, "");
+    else
+        report(StreamState::Error, lastError.empty() ? "Radio stream ended." : lastError);
+    Finished = true;
+    Playing = false;
 }
 
 // PCM buffers

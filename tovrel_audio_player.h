@@ -1,4 +1,4 @@
-// TovrelAudioPlayer: plays local files and PCM buffers through PipeWire.
+// TovrelAudioPlayer: plays local files, internet radio and PCM buffers through PipeWire.
 //
 // A complete program:
 //
@@ -65,9 +65,10 @@ struct TovrelAudioCachedFileInput
 // nothing of its own; the standard library's exceptions come through where a mutex cannot be
 // locked, a thread cannot be started or memory for a copy runs out.
 //
-// The sound: files are converted to 48000 Hz stereo, PCM buffers are played at their own rate and
-// channel count. Every block passes the equalizer, then loudness gain, volume and pan, then the
-// spectrum capture and the PCM tap, and goes to PipeWire. Nothing is clipped or limited on the way.
+// The sound: files and radio are converted to 48000 Hz stereo, PCM buffers are played at their own
+// rate and channel count. Every block passes the equalizer, then loudness gain, volume and pan,
+// then the spectrum capture and the PCM tap, and goes to PipeWire. Nothing is clipped or limited on
+// the way.
 class TovrelAudioPlayer
 {
 public:
@@ -76,6 +77,50 @@ public:
     // The PCM tap: (samples, frames, sample rate in Hz, channels, position in microseconds).
     // `samples` holds frames x channels interleaved floats as they go to the output.
     using PCMCallback = std::function<void(const float*, int, int, int, long)>;
+
+    // What a radio playback is doing.
+    enum class StreamState : int
+    {
+        Idle = 0,         // nothing yet; never reported
+        Connecting = 1,   // opening the URL for the first time
+        Buffering = 2,    // connected; silent until 0.7 s of sound is queued
+        Playing = 3,      // sound is being delivered
+        Reconnecting = 4, // the connection failed or broke off; waiting, or opening it again
+        Error = 5,        // gave up, with the reason; always the last report
+        Stopped = 6,      // ended on request, or by a decoding error; always the last report
+    };
+
+    // What is known about a radio stream. Texts are as the server sent them, in whatever encoding,
+    // and empty where it sent none.
+    struct StreamInfo
+    {
+        std::string Codec;       // FFmpeg's short name ("mp3")
+        std::string Format;      // the container's long name
+        std::string ContentType; // of the HTTP response ("audio/mpeg")
+        std::string IcyName;     // the station
+        std::string IcyGenre;
+        std::string IcyBitrate;
+        std::string IcySampleRate;
+        std::string IcyUrl;    // the station's home page
+        std::string IcyPublic; // "1" where it wants to be listed in directories
+        std::string IcyNotice1;
+        std::string IcyNotice2;
+        std::string NowPlaying;       // the current title; stays through gaps and reconnections
+        std::string LastMetadataTime; // local time at which it changed, HH:MM:SS
+        int BitRate = 0;              // bits per second, 0 where unknown
+        int SampleRate = 0;           // Hz, before conversion
+        int Channels = 0;             // before conversion
+        int ReconnectAttempt = 0;     // failures so far in this playback
+        int MaxReconnectAttempts = 0; // one more failure than this ends it
+    };
+
+    // Told on the worker thread whenever the state or the title changes and about once a second
+    // while packets arrive; the text is the reason of a Reconnecting or Error report. The end of
+    // buffering is reported as Playing twice. The references are valid during the call only. It may
+    // take its time within the 2 s that are queued, and may throw (which is dropped), but must not
+    // call Stop or a Play operation: it would wait for itself.
+    using StreamStatusCallback =
+        std::function<void(StreamState, const StreamInfo&, const std::string&)>;
 
     // Nothing is opened and nothing is started. Volume 1, pan 0, equalizer on with all gains 0 dB.
     TovrelAudioPlayer();
@@ -96,6 +141,14 @@ public:
     // first; larger ones play from disk.
     bool PlayFile(const std::string& Path, std::string* ErrorMessage = nullptr);
 
+    // Plays an internet radio stream (HTTP or HTTPS, with ICY titles) in any format that FFmpeg
+    // reads. A stream that cannot be opened or breaks off is tried again after 2 s, up to 300 times
+    // per playback. `Callback`, which may be empty, is told how it goes. A stream has no duration
+    // and no end, its position reads 0 and it cannot be sought in; a pause holds what is queued.
+    // False, with "No radio stream URL entered.", for an empty URL; LastError is left alone then.
+    bool PlayStream(const std::string& Url, StreamStatusCallback Callback = {},
+                    std::string* ErrorMessage = nullptr);
+
     // Plays interleaved float samples at `SampleRate` (Hz, up to 768000) with `Channels` channels
     // (up to 64), without conversion, from `StartSeconds` (clamped to the buffer). Samples past
     // the last whole frame are not played. False, with "No PCM audio available for playback.", when
@@ -105,15 +158,16 @@ public:
                  std::string* ErrorMessage = nullptr);
 
     // Silences the output within one cycle of PipeWire's graph and leaves the worker to end by
-    // itself, soon. May be called from any thread, also from the PCM tap.
+    // itself, soon. May be called from any thread, also from the callbacks.
     void RequestStop();
 
     // RequestStop, then waits for the worker and closes the output. Blocks for a few milliseconds
-    // (one poll of the worker), longer where the worker is inside a call that cannot be cut short:
-    // reading a file into memory, one FFmpeg call, up to 2 s for a PipeWire daemon that hangs, the
-    // opening of a named pipe that nobody writes to. Once it has returned no callback of this
-    // playback runs any more. Never call it from the PCM tap, which runs on the worker: it would
-    // wait for itself.
+    // (one poll of the worker), for radio up to 0.1 s, longer where the worker is inside a call
+    // that cannot be cut short: reading a file into memory, one FFmpeg call, the look-up of a
+    // host's name, up to 2 s for a PipeWire daemon that hangs, the opening of a named pipe that
+    // nobody writes to. Once it has returned no callback of this playback runs any more. Never call
+    // it from the PCM tap or the stream's callback, which run on the worker: it would wait for
+    // itself.
     void Stop();
 
     // Pause, position, seeking.
@@ -183,7 +237,9 @@ public:
     // True from RequestStop or Stop until the next Play.
     bool IsStopRequestedForInterrupt() const { return StopRequested; }
 
-    // What went wrong in the last playback, empty where nothing did.
+    // What went wrong in the last playback, empty where nothing did. Of radio it keeps the last
+    // failure to connect, also when a later attempt has succeeded; that a connection broke off is
+    // told by the stream's callback alone.
     std::string LastError() const;
 
     // Looking at the sound.
@@ -196,20 +252,22 @@ public:
     // the tap itself. The tap is called on the worker thread with each processed block just before
     // it is queued: it must not take long (the queue holds a third of a second), throw, call Stop
     // or a Play operation, or read the samples after it has returned. The position is the time of
-    // the block's first sample. The previous tap is destroyed before this returns, under the tap's
-    // lock, unless a call of it is still running, so its destructor must not call back into this.
+    // the block's first sample, for radio of the block's end, counted from the connection's start.
+    // The previous tap is destroyed before this returns, under the tap's lock, unless a call of it
+    // is still running, so its destructor must not call back into this.
     void SetAudioPCMCallback(PCMCallback cb);
 
 private:
     friend struct TovrelAudioPlayerTestAccess;
 
-    // Everything that is handed to the sink from files has this rate and channel count.
+    // Everything that is handed to the sink from files and radio has this rate and channel count.
     static constexpr int kOutputSampleRate = 48000;
     static constexpr int kOutputChannels = 2;
 
     // Start and stop.
     void ResetForStart(double Duration, double StartSec);
     void InstallOutput(std::unique_ptr<PipeWirePlayer> Output);
+    void CloseOutput();
 
     // The clock.
     double PresentedSeconds();
@@ -234,6 +292,14 @@ private:
     bool ConfigureResampler(AVCodecContext* CodecContext, SwrContext** OutSwr, int* OutSampleRate,
                             int* OutChannels, std::string* ErrorMessage);
     void DecodeThreadMain(std::string Path);
+
+    // Radio.
+    bool OpenStreamDecoder(const std::string& Url, AVFormatContext** OutFormat,
+                           AVCodecContext** OutCodec, int* OutStreamIndex,
+                           std::string* ErrorMessage);
+    void ReportStreamState(const StreamStatusCallback& Callback, StreamState State,
+                           const StreamInfo& Info, const std::string& Text);
+    void StreamThreadMain(std::string Url, StreamStatusCallback Callback);
 
     // PCM buffers.
     void PcmThreadMain(std::vector<float> Frames, int SampleRate, int Channels,

@@ -51,4 +51,15 @@ double MetadataGainLinear(const AVFormatContext* format, int streamIndex)
     return ::MetadataGainLinear(format, streamIndex);
 }
 
+int InterruptIfStopped(void* player)
+{
+    return ::InterruptIfStopped(player);
+}
+
+void FillStreamInfo(TovrelAudioPlayer::StreamInfo& info, AVFormatContext* format,
+                    AVCodecContext* codec)
+{
+    ::FillStreamInfo(info, format, codec);
+}
+
 } // namespace Internals

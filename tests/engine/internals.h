@@ -42,6 +42,7 @@ struct TovrelAudioPlayerTestAccess
     auto& EqualizerGainsDb() const { return player.EqualizerGainsDb; }
     auto& AudioPCMCallback() const { return player.AudioPCMCallback; }
     auto& AudioPCMCallbackMutex() const { return player.AudioPCMCallbackMutex; }
+    auto& AudioOutputMutex() const { return player.AudioOutputMutex; }
     auto& ResampleBuffer() const { return player.ResampleBuffer; }
 
     void SetLastError(const std::string& text) const { player.SetLastError(text); }
@@ -72,6 +73,11 @@ struct TovrelAudioPlayerTestAccess
     {
         return player.OpenDecoder(path, cache, format, codec, streamIndex, error);
     }
+    bool OpenStreamDecoder(const std::string& url, AVFormatContext** format, AVCodecContext** codec,
+                           int* streamIndex, std::string* error) const
+    {
+        return player.OpenStreamDecoder(url, format, codec, streamIndex, error);
+    }
     bool ConfigureResampler(AVCodecContext* codec, SwrContext** swr, int* rate, int* channels,
                             std::string* error) const
     {
@@ -92,5 +98,8 @@ std::string MetadataValueAny(const AVDictionary* metadata, std::initializer_list
 bool ReadMetadataGainDb(const AVDictionary* metadata, const char* key, double& out);
 bool ReadR128GainDb(const AVDictionary* metadata, const char* key, double& out);
 double MetadataGainLinear(const AVFormatContext* format, int streamIndex);
+int InterruptIfStopped(void* player);
+void FillStreamInfo(TovrelAudioPlayer::StreamInfo& info, AVFormatContext* format,
+                    AVCodecContext* codec);
 
 } // namespace Internals
