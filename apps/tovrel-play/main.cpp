@@ -1,6 +1,8 @@
-// tovrel-play: plays audio files, with one live line and keys on a terminal.
+// tovrel-play: plays files and internet radio, with one live line and keys on a terminal.
 #include "file_info.h"
 #include "options.h"
+#include "playlist.h"
+#include "signals.h"
 #include "terminal.h"
 #include "text.h"
 #include "tovrel_audio_player.h"
@@ -10,14 +12,17 @@
 #include <atomic>
 #include <chrono>
 #include <clocale>
-#include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <deque>
 #include <filesystem>
+#include <mutex>
+#include <optional>
 #include <poll.h>
-#include <sys/signalfd.h>
+#include <string>
 #include <thread>
-#include <unistd.h>
+#include <utility>
+#include <vector>
 
 namespace
 {
@@ -29,61 +34,15 @@ constexpr double kSeekStepSeconds = 5.0;
 constexpr double kVolumeStep = 0.05;
 constexpr double kPanStep = 0.1;
 constexpr double kCutShortSeconds = 1.0; // what headers may promise too much without being wrong
-constexpr std::chrono::seconds kLengthWait{1};      // for a length, before --start gives up silence
-constexpr std::chrono::milliseconds kStopWait{500}; // for a worker that waits for its file
+constexpr std::chrono::seconds kLengthWait{1}; // for a length, before --start gives up silence
+constexpr std::chrono::milliseconds kStopWait{
+    500};                            // for a thread that a file or host keeps waiting
+constexpr int kMaxPlaylistDepth = 8; // of playlists that name playlists
 constexpr std::chrono::milliseconds kPauseTime{50}; // until the sound graph knows of a pause
 
 constexpr int kAllPlayed = 0;
 constexpr int kSomeFailed = 1;
 constexpr int kSignalStatus = 128; // and the signal's number
-
-// Signals as something to poll. They are blocked in every thread that is started later.
-class Signals
-{
-public:
-    Signals()
-    {
-        sigemptyset(&m_set);
-        for (const int signal : {SIGINT, SIGTERM, SIGQUIT, SIGTSTP, SIGCONT})
-            sigaddset(&m_set, signal);
-        struct sigaction hangup;
-        sigaction(SIGHUP, nullptr, &hangup);
-        if (hangup.sa_handler != SIG_IGN) // as nohup leaves it
-            sigaddset(&m_set, SIGHUP);
-        pthread_sigmask(SIG_BLOCK, &m_set, nullptr);
-        m_descriptor = signalfd(-1, &m_set, SFD_CLOEXEC | SFD_NONBLOCK);
-    }
-    ~Signals() { close(m_descriptor); }
-    Signals(const Signals&) = delete;
-    Signals& operator=(const Signals&) = delete;
-
-    int Descriptor() const { return m_descriptor; }
-
-    // 0 when there is none.
-    int Next()
-    {
-        signalfd_siginfo info{};
-        return read(m_descriptor, &info, sizeof info) == sizeof info
-                   ? static_cast<int>(info.ssi_signo)
-                   : 0;
-    }
-
-    // Stops this process as Ctrl-Z does where nobody catches it: not at all where nobody could
-    // make it go on. Returns when it goes on.
-    static void StopProcess()
-    {
-        sigset_t stop;
-        sigemptyset(&stop);
-        sigaddset(&stop, SIGTSTP);
-        std::raise(SIGTSTP);
-        pthread_sigmask(SIG_UNBLOCK, &stop, nullptr);
-        pthread_sigmask(SIG_BLOCK, &stop, nullptr);
-    }
-
-private:
-    sigset_t m_set{};
-    int m_descriptor = -1;
-};
 
 // What the PCM tap has seen of the current file, on the player's worker.
 struct Progress
@@ -98,6 +57,45 @@ struct Progress
     }
 };
 
+using StreamState = TovrelAudioPlayer::StreamState;
+
+// One report of the player's on a radio stream.
+struct StreamReport
+{
+    StreamState state = StreamState::Idle;
+    TovrelAudioPlayer::StreamInfo info;
+    std::string text;
+};
+
+// Takes the reports from the player's worker to the main thread.
+class StreamInbox
+{
+public:
+    void Put(StreamReport report)
+    {
+        const std::lock_guard lock(m_mutex);
+        m_reports.push_back(std::move(report));
+    }
+
+    std::vector<StreamReport> Take()
+    {
+        const std::lock_guard lock(m_mutex);
+        return std::exchange(m_reports, {});
+    }
+
+private:
+    std::mutex m_mutex; // guards m_reports
+    std::vector<StreamReport> m_reports;
+};
+
+// Something to play: a file, an address or a playlist of them.
+struct Item
+{
+    std::string name;
+    int depth = 0;            // how many playlists it came through
+    bool bPlayAsItIs = false; // although it looks like a playlist
+};
+
 class Program
 {
 public:
@@ -107,25 +105,38 @@ public:
     int Run();
 
 private:
-    // False when nothing more is to be played.
-    bool PlayOne(const std::string& file);
+    void Play(const Item& item);
+    void Expand(const Item& playlist);
+    void PlayFile(const std::string& file);
+    void PlayStream(const std::string& address);
     void WaitForEvents();
     void OnSignal(int signal);
     void OnKey(Key key);
     void Suspend();
     void SeekToStart(const std::string& file);
     void AnnounceOnce(const std::string& file, const FileInfo& info);
-    void Draw(const char* word);
     void Conclude(const std::string& file, const FileInfo& info);
-    void Complain(const std::string& file, const std::string& text);
+    void TakeReports(const std::string& address);
+    void DrawFile(const std::string& word);
+    void DrawStream(const std::string& address);
+    void Draw(const std::string& word);
+    void Fail(const std::string& name, const std::string& text);
+    void Complain(const std::string& name, const std::string& text);
     void StopPlayer();
+    template <class Predicate>
+    void AwaitOrExit(Predicate bDone);
 
     const Options m_options;
     Signals m_signals; // before the player, and so before any thread
     Terminal m_terminal;
     Progress m_progress;
+    StreamInbox m_inbox;
     TovrelAudioPlayer m_player;
     LiveState m_live;
+    std::deque<Item> m_queue;                   // what is to be played yet
+    StreamReport m_stream;                      // the last report
+    std::string m_shownTitle;                   // of the stream
+    std::optional<Clock::time_point> m_heardAt; // when the stream was first
     bool m_bAnnounced = false;
     bool m_bStartPending = false; // --start waits for the length of the file
     Clock::time_point m_started;
@@ -135,6 +146,8 @@ private:
 
 Program::Program(Options options) : m_options(std::move(options))
 {
+    for (const std::string& name : m_options.names)
+        m_queue.push_back({name});
     m_player.SetVolume(m_options.volume);
     m_player.SetPan(m_options.pan);
     m_player.SetEqualizerBands(true, m_options.gainsDb);
@@ -151,19 +164,68 @@ Program::Program(Options options) : m_options(std::move(options))
 
 int Program::Run()
 {
-    for (const std::string& file : m_options.files)
-        if (!PlayOne(file))
-            break;
+    while (!m_bQuit && !m_queue.empty())
+    {
+        const Item item = std::move(m_queue.front());
+        m_queue.pop_front();
+        Play(item);
+    }
     return m_status;
 }
 
-bool Program::PlayOne(const std::string& file)
+void Program::Play(const Item& item)
+{
+    const std::string name = LocalName(item.name);
+    if (IsPlaylist(name) && !item.bPlayAsItIs)
+        Expand({name, item.depth});
+    else if (IsAddress(name))
+        PlayStream(name);
+    else
+        PlayFile(name);
+}
+
+// Puts what stands in a playlist in its place.
+void Program::Expand(const Item& playlist)
+{
+    if (playlist.depth >= kMaxPlaylistDepth)
+        return Fail(playlist.name, "Too many playlists that name playlists.");
+    std::atomic<bool> bCancel{false};
+    std::atomic<bool> bDone{false};
+    std::string error;
+    std::vector<std::string> entries;
+    // The main thread stays free for Ctrl-C.
+    std::thread reader(
+        [&]
+        {
+            entries = ReadPlaylist(playlist.name, bCancel, error);
+            bDone = true;
+        });
+    m_live.title = Printable(playlist.name);
+    m_live.bEndless = true;
+    m_live.position = 0.0;
+    while (!m_bQuit && !bDone)
+    {
+        m_terminal.Update();
+        Draw("opening");
+        WaitForEvents();
+    }
+    bCancel = true;
+    AwaitOrExit([&] { return bDone.load(); });
+    reader.join();
+    if (entries.empty() && !m_bQuit)
+        Fail(playlist.name, error);
+    for (auto entry = entries.rbegin(); entry != entries.rend(); ++entry)
+        m_queue.push_front({*entry, playlist.depth + 1, *entry == playlist.name});
+}
+
+void Program::PlayFile(const std::string& file)
 {
     m_progress.Reset();
+    m_live.bEndless = false;
     m_bAnnounced = false;
     m_started = Clock::now();
-    // Names are names of files, also when they look like an address ("http://..."): "./" keeps
-    // them apart.
+    // What is no address is a file, also where it looks like FFmpeg's names for other things
+    // ("concat:..."): "./" keeps them apart.
     m_player.PlayFile(file.rfind('/', 0) == 0 ? file : "./" + file);
     m_bStartPending = m_options.startSeconds > 0.0;
     if (m_bStartPending)
@@ -178,18 +240,43 @@ bool Program::PlayOne(const std::string& file)
         SeekToStart(file);
         if (m_progress.bStarted)
             AnnounceOnce(file, info);
-        Draw(!m_progress.bStarted ? "opening" : m_player.IsPaused() ? "paused" : "playing");
+        DrawFile(!m_progress.bStarted ? "opening" : m_player.IsPaused() ? "paused" : "playing");
         WaitForEvents();
     }
     if (m_bQuit)
-        Draw("stopped");
+        DrawFile("stopped");
     else if (m_progress.bStarted || m_player.LastError().empty()) // also what was over at once
         AnnounceOnce(file, info);
     StopPlayer();
+    if (!m_bQuit)
+        Conclude(file, info);
+}
+
+void Program::PlayStream(const std::string& address)
+{
+    m_stream = {};
+    m_shownTitle.clear();
+    m_heardAt.reset();
+    m_live.bEndless = true;
+    m_player.PlayStream(address,
+                        [this](StreamState state, const auto& info, const auto& text) {
+                            m_inbox.Put({state, info, text});
+                        });
+    while (!m_bQuit && !m_player.HasFinished())
+    {
+        m_terminal.Update();
+        TakeReports(address);
+        DrawStream(address);
+        WaitForEvents();
+    }
     if (m_bQuit)
-        return false;
-    Conclude(file, info);
-    return true;
+        DrawStream(address);
+    StopPlayer();
+    if (m_bQuit)
+        return;
+    TakeReports(address);
+    // A decoder's error ends a stream without a word in the report; only the player knows.
+    Fail(address, m_stream.text.empty() ? m_player.LastError() : m_stream.text);
 }
 
 void Program::WaitForEvents()
@@ -291,14 +378,19 @@ void Program::AnnounceOnce(const std::string& file, const FileInfo& info)
     std::fflush(stdout);
 }
 
-void Program::Draw(const char* word)
+void Program::DrawFile(const std::string& word)
 {
-    if (!m_terminal.IsActive())
-        return;
     const double duration = m_player.DurationSeconds();
     m_live.duration = duration > 0.0 ? duration : -1.0;
     // Without a length the player has no position either; the worker's is half a second ahead.
     m_live.position = duration > 0.0 ? m_player.CurrentSeconds() : m_progress.endSeconds.load();
+    Draw(word);
+}
+
+void Program::Draw(const std::string& word)
+{
+    if (!m_terminal.IsActive())
+        return;
     m_live.volume = m_player.Volume();
     m_live.pan = m_player.Pan();
     m_live.state = word;
@@ -310,36 +402,100 @@ void Program::Conclude(const std::string& file, const FileInfo& info)
 {
     const std::string error = m_player.LastError();
     if (!error.empty())
-    {
-        m_status = kSomeFailed;
-        m_terminal.ClearLine();
-        return Complain(file, error);
-    }
-    Draw("done");
+        return Fail(file, error);
+    DrawFile("done");
     m_terminal.KeepLine();
     // A seek in the last moments moves the one of these that is wrong then.
     const double end = std::max(m_player.CurrentSeconds(), m_progress.endSeconds.load());
     const double duration = m_player.DurationSeconds();
     if (info.bStatesLength && end < duration - kCutShortSeconds)
+        Fail(file, "The file is cut short: it ended at " + ClockText(end) + " of " +
+                       ClockText(duration) + ".");
+}
+
+// Tells of what has changed since the last call.
+void Program::TakeReports(const std::string& address)
+{
+    const bool bPlain = !m_terminal.IsActive();
+    const auto print = [this](const std::string& line)
     {
-        m_status = kSomeFailed;
-        Complain(file, "The file is cut short: it ended at " + ClockText(end) + " of " +
-                           ClockText(duration) + ".");
+        m_terminal.ClearLine();
+        std::printf("%s\n", Printable(line).c_str());
+        std::fflush(stdout);
+    };
+    for (StreamReport& report : m_inbox.Take())
+    {
+        const StreamReport last = std::exchange(m_stream, std::move(report));
+        const TovrelAudioPlayer::StreamInfo& info = m_stream.info;
+        if (bPlain && m_stream.state == StreamState::Connecting)
+            print("Connecting to " + address);
+        // Each attempt is reported with its number and the reason, and once more when it begins.
+        if (bPlain && info.ReconnectAttempt != last.info.ReconnectAttempt)
+            print("Reconnecting: " + m_stream.text);
+        if (m_stream.state != StreamState::Playing)
+            continue;
+        if (bPlain && last.state != StreamState::Playing)
+            print("Playing " + address + (info.IcyName.empty() ? "" : ": " + info.IcyName));
+        if (!m_heardAt)
+            m_heardAt = Clock::now();
+        if (info.NowPlaying != m_shownTitle)
+            print(info.LastMetadataTime + " " + info.NowPlaying);
+        m_shownTitle = info.NowPlaying;
     }
 }
 
-void Program::Complain(const std::string& file, const std::string& text)
+void Program::DrawStream(const std::string& address)
 {
-    m_terminal.ClearLine();
-    std::fprintf(stderr, "tovrel-play: %s: %s\n", Printable(file).c_str(), text.c_str());
+    const TovrelAudioPlayer::StreamInfo& info = m_stream.info;
+    const bool bReconnecting = m_stream.state == StreamState::Reconnecting;
+    const std::string attempt =
+        std::to_string(info.ReconnectAttempt) + "/" + std::to_string(info.MaxReconnectAttempts);
+    std::string news = bReconnecting ? m_stream.text : info.NowPlaying;
+    if (const std::string start = "retry " + attempt + ": "; news.rfind(start, 0) == 0)
+        news.erase(0, start.size()); // the state tells this
+    m_live.title = Printable((info.IcyName.empty() ? address : info.IcyName) +
+                             (news.empty() ? "" : ": " + news));
+    // Since it was first heard: the player's own position starts anew with every connection.
+    m_live.position =
+        m_heardAt ? std::chrono::duration<double>(Clock::now() - *m_heardAt).count() : 0.0;
+    if (m_bQuit)
+        Draw("stopped");
+    else if (bReconnecting)
+        Draw("reconnecting " + attempt);
+    else if (m_stream.state == StreamState::Buffering)
+        Draw("buffering");
+    else if (m_stream.state == StreamState::Playing)
+        Draw(m_player.IsPaused() ? "paused" : "playing");
+    else
+        Draw("connecting");
 }
 
-// Silences the player at once and waits for its worker, but not for long: one that reads from a
-// pipe may stay there as long as nobody writes.
+void Program::Fail(const std::string& name, const std::string& text)
+{
+    m_status = kSomeFailed;
+    Complain(name, text);
+}
+
+void Program::Complain(const std::string& name, const std::string& text)
+{
+    m_terminal.ClearLine();
+    std::fprintf(stderr, "tovrel-play: %s: %s\n", Printable(name).c_str(), text.c_str());
+}
+
+// Silences the player at once. Its worker may not end as soon: one that reads from a pipe may stay
+// there as long as nobody writes, one that looks up a host as long as nobody answers.
 void Program::StopPlayer()
 {
     m_player.RequestStop();
-    for (const auto begin = Clock::now(); !m_player.HasFinished();)
+    AwaitOrExit([this] { return m_player.HasFinished(); });
+    m_player.Stop();
+}
+
+// Waits for a thread that has been told to end, but not for long.
+template <class Predicate>
+void Program::AwaitOrExit(Predicate bDone)
+{
+    for (const auto begin = Clock::now(); !bDone();)
     {
         if (Clock::now() - begin > kStopWait)
         {
@@ -348,7 +504,6 @@ void Program::StopPlayer()
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(2));
     }
-    m_player.Stop();
 }
 
 } // namespace

@@ -64,10 +64,11 @@ void ParseGains(const std::string& text, Options& options)
 std::optional<Options> ParseOptions(int argc, char** argv, int& exitStatus)
 {
     Options options;
-    CLI::App app{"Plays audio files through PipeWire, one after the other.", "tovrel-play"};
+    CLI::App app{"Plays files and internet radio through PipeWire, one after the other.",
+                 "tovrel-play"};
     app.get_formatter()->column_width(20);
     app.get_formatter()->label("REQUIRED", "");
-    app.add_option("FILE", options.files, "What to play, in any format that FFmpeg reads")
+    app.add_option("FILE|URL", options.names, "Files, streams, and playlists (.m3u, .pls) of them")
         ->required()
         ->type_name("");
     AddNumber(app, "--volume", "V", 0.0, 1.5, options.volume, "Linear volume, 0 to 1.5");

@@ -94,6 +94,8 @@ std::string Bar(const LiveState& live, int columns)
 
 std::string TimeText(const LiveState& live)
 {
+    if (live.bEndless)
+        return ClockText(live.position);
     const bool bHours = live.duration >= 3600.0;
     return ClockText(live.position, bHours) + " / " + ClockText(live.duration, bHours);
 }
@@ -155,7 +157,7 @@ std::string LiveLine(const LiveState& live, int columns)
     word.resize(std::max(word.size(), kStateColumns), ' '); // so that nothing moves when it changes
     std::array<std::string, 5> parts = {TimeText(live), VolumeText(live.volume), PanText(live.pan),
                                         EqualizerText(live), word};
-    bool bBar = true;
+    bool bBar = !live.bEndless;
     const auto fixedColumns = [&]
     {
         int sum = 0;

@@ -16,6 +16,7 @@ struct LiveState
     std::string title;      // printable
     double position = 0.0;  // seconds; negative: unknown
     double duration = -1.0; // seconds; negative: unknown
+    bool bEndless = false;  // a stream, which has no duration
     double volume = 1.0;    // linear
     double pan = 0.0;
     bool bEqualizer = true; // switched on

@@ -1,9 +1,11 @@
 #!/usr/bin/env bash
 # Use: scripts/with-null-sink tests/program/program_test.sh PROGRAM CASE
 #
-# Runs one case on the player program; each function case_CASE below is one. Every wait is for
-# something to be seen, with an end: the times are loose, for builds with sanitizers.
+# Runs one case on the player program; each function case_CASE here and in radio_cases.sh is one.
+# Every wait is for something to be seen, with an end: the times are loose, for builds with
+# sanitizers.
 set -euo pipefail
+tests=$(dirname "$(readlink -f "${BASH_SOURCE[0]}")")
 program=$(readlink -f "$1")
 case=$2
 
@@ -11,10 +13,16 @@ dir=$(mktemp -d)
 runner=() # what the player is run with
 player=   # the process id of one that runs beside the case
 recorder=
+servers=() # the process ids of what the player is to talk to
 clean_up() {
     [ -z "$player" ] || kill -KILL "$player" 2>/dev/null || true
     [ -z "$recorder" ] || kill -KILL "$recorder" 2>/dev/null || true
     [ ! -S "$dir/tmux" ] || on_tmux kill-server || true
+    local server
+    for server in "${servers[@]}"; do
+        kill -TERM "$server" 2>/dev/null || true
+        wait "$server" || true
+    done
     rm -rf "$dir"
 }
 trap clean_up EXIT
@@ -280,11 +288,10 @@ case_titles_with_control_characters() {
 
 case_names_are_no_addresses() {
     tone "http:x.flac" 0.3 -metadata title=Colon
-    play "http:x.flac" http://127.0.0.1:9/x.wav
+    play "http:x.flac" concat:x.flac
     expect_status 1
     expect_out "Playing http:x.flac: Colon (0:00)"
-    expect_err "tovrel-play: http://127.0.0.1:9/x.wav: Failed to open audio file: No such file or \
-directory"
+    expect_err "tovrel-play: concat:x.flac: Failed to open audio file: No such file or directory"
 }
 
 case_names_like_options() {
@@ -657,5 +664,7 @@ case_dumb_terminal_gets_plain_lines() {
 
 # -----------------------------------------------------------------------------------------------
 
+# shellcheck source=tests/program/radio_cases.sh
+source "$tests/radio_cases.sh"
 declare -F "case_$case" >/dev/null || fail "no such case"
 "case_$case"

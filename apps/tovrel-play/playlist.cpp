@@ -1,0 +1,258 @@
+#include "playlist.h"
+
+#include <algorithm>
+#include <array>
+#include <cctype>
+#include <cerrno>
+#include <charconv>
+#include <chrono>
+#include <map>
+
+extern "C"
+{
+#include <libavformat/avio.h>
+#include <libavutil/dict.h>
+#include <libavutil/error.h>
+}
+
+namespace
+{
+
+using Clock = std::chrono::steady_clock;
+
+constexpr std::chrono::seconds kTimeLimit{15};
+constexpr size_t kSizeLimit = 1 << 20;      // bytes; what is longer is no list of titles
+constexpr char kSilenceLimit[] = "3000000"; // microseconds without a byte from a server
+
+bool EqualsIgnoringCase(std::string_view left, std::string_view right)
+{
+    return std::equal(left.begin(), left.end(), right.begin(), right.end(),
+                      [](unsigned char a, unsigned char b)
+                      { return std::tolower(a) == std::tolower(b); });
+}
+
+bool StartsWithIgnoringCase(std::string_view text, std::string_view start)
+{
+    return EqualsIgnoringCase(text.substr(0, start.size()), start);
+}
+
+bool EndsWithIgnoringCase(std::string_view text, std::string_view end)
+{
+    return text.size() >= end.size() &&
+           EqualsIgnoringCase(text.substr(text.size() - end.size()), end);
+}
+
+std::string_view Trimmed(std::string_view text)
+{
+    constexpr std::string_view kSpace = " \t\r";
+    const size_t first = text.find_first_not_of(kSpace);
+    return first == text.npos ? std::string_view()
+                              : text.substr(first, text.find_last_not_of(kSpace) + 1 - first);
+}
+
+// The trimmed lines that are not empty.
+std::vector<std::string_view> Lines(std::string_view text)
+{
+    constexpr std::string_view kByteOrderMark = "\xEF\xBB\xBF";
+    if (text.substr(0, kByteOrderMark.size()) == kByteOrderMark)
+        text.remove_prefix(kByteOrderMark.size());
+    std::vector<std::string_view> lines;
+    while (!text.empty())
+    {
+        const size_t end = std::min(text.find_first_of("\r\n"), text.size());
+        if (const std::string_view line = Trimmed(text.substr(0, end)); !line.empty())
+            lines.push_back(line);
+        text.remove_prefix(std::min(end + 1, text.size()));
+    }
+    return lines;
+}
+
+std::vector<std::string_view> M3uEntries(const std::vector<std::string_view>& lines)
+{
+    std::vector<std::string_view> entries;
+    std::copy_if(lines.begin(), lines.end(), std::back_inserter(entries),
+                 [](std::string_view line) { return line.front() != '#'; });
+    return entries;
+}
+
+// "FileN=..." in the order of N.
+std::vector<std::string_view> PlsEntries(const std::vector<std::string_view>& lines)
+{
+    constexpr std::string_view kKey = "file";
+    std::map<unsigned, std::string_view> numbered;
+    for (const std::string_view line : lines)
+    {
+        unsigned number = 0;
+        const size_t equals = line.find('=');
+        if (equals == line.npos || !StartsWithIgnoringCase(line, kKey))
+            continue;
+        const std::string_view digits = Trimmed(line.substr(kKey.size(), equals - kKey.size()));
+        const std::string_view value = Trimmed(line.substr(equals + 1));
+        const auto [end, error] =
+            std::from_chars(digits.data(), digits.data() + digits.size(), number);
+        if (error == std::errc() && end == digits.data() + digits.size() && !value.empty())
+            numbered.emplace(number, value);
+    }
+    std::vector<std::string_view> entries;
+    for (const auto& [number, value] : numbered)
+        entries.push_back(value);
+    return entries;
+}
+
+// Up to the host's end, "http://host:80".
+std::string_view Origin(std::string_view address)
+{
+    return address.substr(0, address.find_first_of("/?#", address.find("://") + 3));
+}
+
+// An address without what follows its path.
+std::string_view WithoutQuery(std::string_view address)
+{
+    return address.substr(0, address.find_first_of("?#"));
+}
+
+std::string BesideAddress(std::string_view entry, std::string_view playlist)
+{
+    const std::string origin(Origin(playlist));
+    if (entry.substr(0, 2) == "//")
+        return origin.substr(0, origin.find("//")) + std::string(entry);
+    if (entry.front() == '/')
+        return origin + std::string(entry);
+    const std::string_view path = WithoutQuery(playlist);
+    const size_t slash = path.rfind('/');
+    if (slash < origin.size()) // that of "://": there is no path
+        return origin + "/" + std::string(entry);
+    return std::string(path.substr(0, slash + 1)) + std::string(entry);
+}
+
+std::string BesideFile(std::string_view entry, const std::string& playlist)
+{
+    if (entry.front() == '/')
+        return std::string(entry);
+    return playlist.substr(0, playlist.rfind('/') + 1) + std::string(entry); // npos + 1 is 0
+}
+
+struct Limits
+{
+    const std::atomic<bool>& bCancel;
+    Clock::time_point end = Clock::now() + kTimeLimit;
+
+    static int AreReached(void* limits)
+    {
+        const auto* self = static_cast<const Limits*>(limits);
+        return self->bCancel || Clock::now() > self->end ? 1 : 0;
+    }
+};
+
+std::string ErrorText(int code)
+{
+    std::array<char, AV_ERROR_MAX_STRING_SIZE> text{};
+    av_strerror(code, text.data(), text.size());
+    return text.data();
+}
+
+// Negative: FFmpeg's error.
+int ReadAll(const std::string& url, Limits& limits, std::string& text)
+{
+    AVDictionary* options = nullptr;
+    av_dict_set(&options, "rw_timeout", kSilenceLimit, 0);
+    av_dict_set(&options, "user_agent", "Tovrel/1.0", 0);
+    AVIOContext* input = nullptr;
+    const AVIOInterruptCB interrupt{Limits::AreReached, &limits};
+    int result = avio_open2(&input, url.c_str(), AVIO_FLAG_READ, &interrupt, &options);
+    av_dict_free(&options);
+    if (result < 0)
+        return result;
+    std::array<char, 4096> block{};
+    do
+    {
+        result = avio_read(input, reinterpret_cast<unsigned char*>(block.data()),
+                           static_cast<int>(block.size()));
+        if (result > 0)
+            text.append(block.data(), static_cast<size_t>(result));
+    } while (result > 0 && text.size() <= kSizeLimit);
+    avio_closep(&input);
+    // Old servers tell the end of a text by hanging up, which FFmpeg takes for an accident.
+    const bool bHungUp = result == AVERROR(EIO) && !text.empty();
+    return result == AVERROR_EOF || bHungUp ? 0 : result;
+}
+
+} // namespace
+
+bool IsAddress(std::string_view name)
+{
+    const size_t end = name.find("://");
+    return end != name.npos && end > 0 && std::isalpha(static_cast<unsigned char>(name.front())) &&
+           std::all_of(name.begin(), name.begin() + static_cast<std::ptrdiff_t>(end),
+                       [](unsigned char c)
+                       { return std::isalnum(c) || c == '+' || c == '-' || c == '.'; });
+}
+
+std::string LocalName(const std::string& name)
+{
+    constexpr std::string_view kScheme = "file://";
+    if (!StartsWithIgnoringCase(name, kScheme))
+        return name;
+    std::string_view rest = std::string_view(name).substr(kScheme.size());
+    rest.remove_prefix(std::min(rest.find('/'), rest.size())); // "localhost"
+    std::string path;
+    while (!rest.empty())
+    {
+        unsigned char byte = static_cast<unsigned char>(rest.front());
+        size_t length = 1;
+        if (byte == '%' && rest.size() >= 3 &&
+            std::from_chars(rest.data() + 1, rest.data() + 3, byte, 16).ptr == rest.data() + 3)
+            length = 3;
+        path += static_cast<char>(byte);
+        rest.remove_prefix(length);
+    }
+    return path;
+}
+
+bool IsPlaylist(std::string_view name)
+{
+    const std::string_view path = IsAddress(name) ? WithoutQuery(name) : name;
+    return EndsWithIgnoringCase(path, ".m3u") || EndsWithIgnoringCase(path, ".pls");
+}
+
+std::vector<std::string> ParsePlaylist(std::string_view text, const std::string& playlist)
+{
+    if (text.find('\0') != text.npos)
+        return {}; // no text
+    const std::vector<std::string_view> lines = Lines(text);
+    if (std::any_of(lines.begin(), lines.end(),
+                    [](std::string_view line) { return line.substr(0, 7) == "#EXT-X-"; }))
+        return {playlist};
+    const bool bPls = !lines.empty() && EqualsIgnoringCase(lines.front(), "[playlist]");
+    const bool bRemote = IsAddress(playlist);
+    std::vector<std::string> entries;
+    for (const std::string_view entry : bPls ? PlsEntries(lines) : M3uEntries(lines))
+    {
+        if (!IsAddress(entry))
+            entries.push_back(bRemote ? BesideAddress(entry, playlist)
+                                      : BesideFile(entry, playlist));
+        else if (!bRemote || !StartsWithIgnoringCase(entry, "file:")) // none of a server's business
+            entries.push_back(LocalName(std::string(entry)));
+    }
+    return entries;
+}
+
+std::vector<std::string> ReadPlaylist(const std::string& playlist, const std::atomic<bool>& bCancel,
+                                      std::string& error)
+{
+    Limits limits{bCancel};
+    std::string text;
+    const int result = ReadAll(IsAddress(playlist) ? playlist : "file:" + playlist, limits, text);
+    if (result < 0)
+    {
+        error = "Failed to read the playlist: " +
+                (Clock::now() > limits.end ? "it took too long" : ErrorText(result));
+        return {};
+    }
+    std::vector<std::string> entries;
+    if (text.size() <= kSizeLimit)
+        entries = ParsePlaylist(text, playlist);
+    if (entries.empty())
+        error = "This playlist holds nothing to play.";
+    return entries;
+}
