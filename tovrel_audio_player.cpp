@@ -1,6 +1,6 @@
 // Reads like a playback: from the controls to the start, past the clock that tells its position,
-// along the stations of a block of sound, to the workers that fetch that sound from files and
-// buffers.
+// along the stations of a block of sound, to the workers that fetch that sound from files, radio
+// and buffers.
 #include "tovrel_audio_player.h"
 
 #include "pipewire_player.h"
