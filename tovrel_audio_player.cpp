@@ -276,11 +276,22 @@ void TovrelAudioPlayer::CloseOutput()
     AudioOutput.reset();
 }
 
-// Hands a worker's new sink to the player. An older one, if there is any, goes without ceremony.
-void TovrelAudioPlayer::InstallOutput(std::unique_ptr<PipeWirePlayer> Output)
+// Hands a worker's new sink to the player. An older one, if there is any, goes without ceremony. A
+// held one stays inactive, whoever resumes, until its worker releases it.
+void TovrelAudioPlayer::InstallOutput(std::unique_ptr<PipeWirePlayer> Output, bool bHeld)
 {
     const std::lock_guard lock(AudioOutputMutex);
     AudioOutput = std::move(Output);
+    bOutputHeld = bHeld;
+}
+
+// In a pause it is the resume that activates it.
+void TovrelAudioPlayer::ReleaseOutput()
+{
+    const std::lock_guard lock(AudioOutputMutex);
+    bOutputHeld = false;
+    if (AudioOutput && !Paused && !StopRequested)
+        AudioOutput->SetActive(true);
 }
 
 // Clock, pause and seeking
@@ -320,7 +331,7 @@ void TovrelAudioPlayer::SetPaused(bool paused)
     Paused = paused;
     const std::lock_guard lock(AudioOutputMutex);
     if (AudioOutput)
-        AudioOutput->SetActive(!paused);
+        AudioOutput->SetActive(!paused && !bOutputHeld);
 }
 
 void TovrelAudioPlayer::TogglePaused()
@@ -1287,8 +1298,8 @@ bool TovrelAudioPlayer::OpenStreamDecoder(const std::string& Url, AVFormatContex
 namespace
 {
 
-// Ogg streams carry their titles in the audio stream's own tags, never as the server's StreamTitle:
-// this makes one of the other.
+// Ogg streams carry their titles in the audio stream's own tags, not as the server's StreamTitle:
+// this makes one of the other, and of such tags in other containers too.
 class OggTitles
 {
 public:
@@ -1390,7 +1401,8 @@ void TovrelAudioPlayer::StreamThreadMain(std::string Url, StreamStatusCallback C
     StreamInfo streamInfo; // outlives every connection, as do the next two
     streamInfo.MaxReconnectAttempts = kMaxReconnectAttempts;
     std::string lastError;
-    // Deliberately never reset: the budget covers the whole playback, not one outage.
+    // Deliberately never reset: a station that keeps failing is given up at some point, however
+    // well it plays in between.
     int reconnectAttempt = 0;
 
     const auto report = [&](StreamState state, const std::string& text)
@@ -1445,7 +1457,7 @@ void TovrelAudioPlayer::StreamThreadMain(std::string Url, StreamStatusCallback C
             return false;
         }
         output->SetActive(false); // silent until the start buffer is full
-        InstallOutput(std::move(output));
+        InstallOutput(std::move(output), true);
         chain.frame = av_frame_alloc();
         chain.packet = av_packet_alloc();
         if (!chain.frame || !chain.packet)
@@ -1506,7 +1518,7 @@ void TovrelAudioPlayer::StreamThreadMain(std::string Url, StreamStatusCallback C
             QueuedSourceEndSec = endSec;
             if (bOutputActivated || AudioOutput->QueuedSeconds() < kStartBufferSeconds)
                 return;
-            AudioOutput->SetActive(true);
+            ReleaseOutput();
             AnchorClock(0.0, 0.0);
             // Not entered as the last report, so the next packet tells of Playing once more. Hosts
             // have come to expect the two.

@@ -188,7 +188,7 @@ public:
 
     // The position in seconds. While playing it lies within [0, duration], runs with the wall clock
     // from the last start, seek or resume, and is 0 where the duration is unknown; afterwards it
-    // is where the playback ended.
+    // is where the playback ended (of radio: what its last connection has decoded).
     double CurrentSeconds() const;
 
     // The length of the material in seconds; 0 where it is unknown, as it is until the worker has
@@ -234,12 +234,12 @@ public:
     // next Play on. Callbacks are let go of only by Stop or the next Play.
     bool HasFinished() const { return Finished; }
 
-    // True from RequestStop or Stop until the next Play.
+    // True from RequestStop, Stop or an error of the decoder until the next Play.
     bool IsStopRequestedForInterrupt() const { return StopRequested; }
 
     // What went wrong in the last playback, empty where nothing did. Of radio it keeps the last
-    // failure to connect, also when a later attempt has succeeded; that a connection broke off is
-    // told by the stream's callback alone.
+    // failure to connect, also when a later attempt has succeeded or when it was a stop that cut it
+    // short; that a connection broke off is told by the stream's callback alone.
     std::string LastError() const;
 
     // Looking at the sound.
@@ -252,9 +252,10 @@ public:
     // the tap itself. The tap is called on the worker thread with each processed block just before
     // it is queued: it must not take long (the queue holds a third of a second), throw, call Stop
     // or a Play operation, or read the samples after it has returned. The position is the time of
-    // the block's first sample, for radio of the block's end, counted from the connection's start.
-    // The previous tap is destroyed before this returns, under the tap's lock, unless a call of it
-    // is still running, so its destructor must not call back into this.
+    // the block's first sample, for radio of the block's end, counted from the start of the
+    // connection or the last pause in it. The previous tap is destroyed before this returns, under
+    // the tap's lock, unless a call of it is still running, so its destructor must not call back
+    // into this.
     void SetAudioPCMCallback(PCMCallback cb);
 
 private:
@@ -266,7 +267,8 @@ private:
 
     // Start and stop.
     void ResetForStart(double Duration, double StartSec);
-    void InstallOutput(std::unique_ptr<PipeWirePlayer> Output);
+    void InstallOutput(std::unique_ptr<PipeWirePlayer> Output, bool bHeld = false);
+    void ReleaseOutput();
     void CloseOutput();
 
     // The clock.
@@ -307,9 +309,10 @@ private:
 
     // Five mutexes, each taken alone.
 
-    std::unique_ptr<PipeWirePlayer> AudioOutput; // made by the worker, destroyed by Stop
-    std::mutex AudioOutputMutex;                 // guards AudioOutput
-    std::thread DecodeThread;                    // the one worker
+    // Made by the worker, destroyed by Stop, or for radio by the worker when its connection ends.
+    std::unique_ptr<PipeWirePlayer> AudioOutput;
+    std::mutex AudioOutputMutex; // guards AudioOutput and bOutputHeld
+    std::thread DecodeThread;    // the one worker
     std::atomic<bool> StopRequested{false};
     std::atomic<bool> Playing{false};
     std::atomic<bool> Paused{false};
@@ -339,4 +342,5 @@ private:
     mutable std::mutex SpectrumMutex; // guards SpectrumSamples
     std::vector<float> SpectrumSamples;
     std::vector<float> ResampleBuffer; // the worker's own; only grows
+    bool bOutputHeld = false;          // inactive until its start buffer is full; AudioOutputMutex
 };

@@ -10,7 +10,9 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
+#include <cerrno>
 #include <chrono>
+#include <climits>
 #include <clocale>
 #include <cstdio>
 #include <cstdlib>
@@ -21,8 +23,8 @@
 #include <poll.h>
 #include <string>
 #include <thread>
+#include <unistd.h>
 #include <utility>
-#include <vector>
 
 namespace
 {
@@ -71,13 +73,17 @@ struct StreamReport
 class StreamInbox
 {
 public:
+    // Where nobody takes them, the oldest go.
     void Put(StreamReport report)
     {
+        constexpr size_t kMostReports = 1000;
         const std::lock_guard lock(m_mutex);
+        if (m_reports.size() == kMostReports)
+            m_reports.pop_front();
         m_reports.push_back(std::move(report));
     }
 
-    std::vector<StreamReport> Take()
+    std::deque<StreamReport> Take()
     {
         const std::lock_guard lock(m_mutex);
         return std::exchange(m_reports, {});
@@ -85,15 +91,14 @@ public:
 
 private:
     std::mutex m_mutex; // guards m_reports
-    std::vector<StreamReport> m_reports;
+    std::deque<StreamReport> m_reports;
 };
 
 // Something to play: a file, an address or a playlist of them.
 struct Item
 {
     std::string name;
-    int depth = 0;            // how many playlists it came through
-    bool bPlayAsItIs = false; // although it looks like a playlist
+    int depth = 0; // how many playlists it came through
 };
 
 class Program
@@ -106,10 +111,12 @@ public:
 
 private:
     void Play(const Item& item);
-    void Expand(const Item& playlist);
+    void Expand(const Item& item);
+    void PlayOne(const std::string& name);
     void PlayFile(const std::string& file);
     void PlayStream(const std::string& address);
     void WaitForEvents();
+    void TakeSignals();
     void OnSignal(int signal);
     void OnKey(Key key);
     void Suspend();
@@ -122,6 +129,7 @@ private:
     void Draw(const std::string& word);
     void Fail(const std::string& name, const std::string& text);
     void Complain(const std::string& name, const std::string& text);
+    void Print(int descriptor, const std::string& text);
     void StopPlayer();
     template <class Predicate>
     void AwaitOrExit(Predicate bDone);
@@ -133,10 +141,10 @@ private:
     StreamInbox m_inbox;
     TovrelAudioPlayer m_player;
     LiveState m_live;
-    std::deque<Item> m_queue;                   // what is to be played yet
-    StreamReport m_stream;                      // the last report
-    std::string m_shownTitle;                   // of the stream
-    std::optional<Clock::time_point> m_heardAt; // when the stream was first
+    std::deque<Item> m_queue;    // what is to be played yet
+    StreamReport m_stream;       // the last report
+    std::string m_shownTitle;    // of the stream
+    Clock::time_point m_drawnAt; // its line, for the last time
     bool m_bAnnounced = false;
     bool m_bStartPending = false; // --start waits for the length of the file
     Clock::time_point m_started;
@@ -147,7 +155,7 @@ private:
 Program::Program(Options options) : m_options(std::move(options))
 {
     for (const std::string& name : m_options.names)
-        m_queue.push_back({name});
+        m_queue.push_back({LocalName(name)});
     m_player.SetVolume(m_options.volume);
     m_player.SetPan(m_options.pan);
     m_player.SetEqualizerBands(true, m_options.gainsDb);
@@ -175,32 +183,36 @@ int Program::Run()
 
 void Program::Play(const Item& item)
 {
-    const std::string name = LocalName(item.name);
-    if (IsPlaylist(name) && !item.bPlayAsItIs)
-        Expand({name, item.depth});
-    else if (IsAddress(name))
+    if (IsPlaylist(item.name))
+        Expand(item);
+    else
+        PlayOne(item.name);
+}
+
+void Program::PlayOne(const std::string& name)
+{
+    if (IsAddress(name))
         PlayStream(name);
     else
         PlayFile(name);
 }
 
 // Puts what stands in a playlist in its place.
-void Program::Expand(const Item& playlist)
+void Program::Expand(const Item& item)
 {
-    if (playlist.depth >= kMaxPlaylistDepth)
-        return Fail(playlist.name, "Too many playlists that name playlists.");
+    if (item.depth >= kMaxPlaylistDepth)
+        return Fail(item.name, "Too many playlists that name playlists.");
     std::atomic<bool> bCancel{false};
     std::atomic<bool> bDone{false};
-    std::string error;
-    std::vector<std::string> entries;
+    Playlist playlist;
     // The main thread stays free for Ctrl-C.
     std::thread reader(
         [&]
         {
-            entries = ReadPlaylist(playlist.name, bCancel, error);
+            playlist = ReadPlaylist(item.name, bCancel);
             bDone = true;
         });
-    m_live.title = Printable(playlist.name);
+    m_live.title = Printable(item.name);
     m_live.bEndless = true;
     m_live.position = 0.0;
     while (!m_bQuit && !bDone)
@@ -212,10 +224,14 @@ void Program::Expand(const Item& playlist)
     bCancel = true;
     AwaitOrExit([&] { return bDone.load(); });
     reader.join();
-    if (entries.empty() && !m_bQuit)
-        Fail(playlist.name, error);
-    for (auto entry = entries.rbegin(); entry != entries.rend(); ++entry)
-        m_queue.push_front({*entry, playlist.depth + 1, *entry == playlist.name});
+    if (m_bQuit)
+        return;
+    if (!playlist.error.empty())
+        return Fail(item.name, playlist.error);
+    if (playlist.bOneStream)
+        return PlayOne(item.name);
+    for (auto entry = playlist.entries.rbegin(); entry != playlist.entries.rend(); ++entry)
+        m_queue.push_front({*entry, item.depth + 1});
 }
 
 void Program::PlayFile(const std::string& file)
@@ -248,6 +264,7 @@ void Program::PlayFile(const std::string& file)
     else if (m_progress.bStarted || m_player.LastError().empty()) // also what was over at once
         AnnounceOnce(file, info);
     StopPlayer();
+    m_bStartPending = false;
     if (!m_bQuit)
         Conclude(file, info);
 }
@@ -256,8 +273,9 @@ void Program::PlayStream(const std::string& address)
 {
     m_stream = {};
     m_shownTitle.clear();
-    m_heardAt.reset();
+    m_drawnAt = Clock::now();
     m_live.bEndless = true;
+    m_live.position = 0.0;
     m_player.PlayStream(address,
                         [this](StreamState state, const auto& info, const auto& text) {
                             m_inbox.Put({state, info, text});
@@ -284,8 +302,7 @@ void Program::WaitForEvents()
     std::array<pollfd, 2> descriptors{pollfd{m_signals.Descriptor(), POLLIN, 0},
                                       pollfd{m_terminal.KeyDescriptor(), POLLIN, 0}};
     poll(descriptors.data(), descriptors.size(), kTickMs);
-    while (const int signal = m_signals.Next())
-        OnSignal(signal);
+    TakeSignals();
     if (descriptors[1].revents & (POLLHUP | POLLERR | POLLNVAL))
         m_terminal.LoseKeys();
     else if (descriptors[1].revents & POLLIN)
@@ -372,10 +389,8 @@ void Program::AnnounceOnce(const std::string& file, const FileInfo& info)
     if (m_terminal.IsActive())
         return;
     const double duration = m_player.DurationSeconds();
-    std::printf("Playing %s%s%s (%s)\n", Printable(file).c_str(), info.title.empty() ? "" : ": ",
-                Printable(info.title).c_str(),
-                duration > 0.0 ? ClockText(duration).c_str() : "length unknown");
-    std::fflush(stdout);
+    Print(STDOUT_FILENO, "Playing " + file + (info.title.empty() ? "" : ": " + info.title) + " (" +
+                             (duration > 0.0 ? ClockText(duration) : "length unknown") + ")");
 }
 
 void Program::DrawFile(const std::string& word)
@@ -420,8 +435,7 @@ void Program::TakeReports(const std::string& address)
     const auto print = [this](const std::string& line)
     {
         m_terminal.ClearLine();
-        std::printf("%s\n", Printable(line).c_str());
-        std::fflush(stdout);
+        Print(STDOUT_FILENO, line);
     };
     for (StreamReport& report : m_inbox.Take())
     {
@@ -436,8 +450,6 @@ void Program::TakeReports(const std::string& address)
             continue;
         if (bPlain && last.state != StreamState::Playing)
             print("Playing " + address + (info.IcyName.empty() ? "" : ": " + info.IcyName));
-        if (!m_heardAt)
-            m_heardAt = Clock::now();
         if (info.NowPlaying != m_shownTitle)
             print(info.LastMetadataTime + " " + info.NowPlaying);
         m_shownTitle = info.NowPlaying;
@@ -455,19 +467,21 @@ void Program::DrawStream(const std::string& address)
         news.erase(0, start.size()); // the state tells this
     m_live.title = Printable((info.IcyName.empty() ? address : info.IcyName) +
                              (news.empty() ? "" : ": " + news));
-    // Since it was first heard: the player's own position starts anew with every connection.
-    m_live.position =
-        m_heardAt ? std::chrono::duration<double>(Clock::now() - *m_heardAt).count() : 0.0;
+    // How long it has been heard: the player's own position starts anew with every connection.
+    const auto now = Clock::now();
+    if (m_stream.state == StreamState::Playing && !m_player.IsPaused())
+        m_live.position += std::chrono::duration<double>(now - m_drawnAt).count();
+    m_drawnAt = now;
     if (m_bQuit)
         Draw("stopped");
     else if (bReconnecting)
         Draw("reconnecting " + attempt);
-    else if (m_stream.state == StreamState::Buffering)
-        Draw("buffering");
+    else if (m_player.IsPaused())
+        Draw("paused");
     else if (m_stream.state == StreamState::Playing)
-        Draw(m_player.IsPaused() ? "paused" : "playing");
+        Draw("playing");
     else
-        Draw("connecting");
+        Draw(m_stream.state == StreamState::Buffering ? "buffering" : "connecting");
 }
 
 void Program::Fail(const std::string& name, const std::string& text)
@@ -479,7 +493,34 @@ void Program::Fail(const std::string& name, const std::string& text)
 void Program::Complain(const std::string& name, const std::string& text)
 {
     m_terminal.ClearLine();
-    std::fprintf(stderr, "tovrel-play: %s: %s\n", Printable(name).c_str(), text.c_str());
+    Print(STDERR_FILENO, "tovrel-play: " + name + ": " + text);
+}
+
+// Writes a line when there is room for it. Where nobody reads, signals still end the wait.
+void Program::Print(int descriptor, const std::string& text)
+{
+    const std::string line = Printable(text) + "\n";
+    for (size_t written = 0; written < line.size() && !m_bQuit;)
+    {
+        std::array<pollfd, 2> descriptors{pollfd{m_signals.Descriptor(), POLLIN, 0},
+                                          pollfd{descriptor, POLLOUT, 0}};
+        poll(descriptors.data(), descriptors.size(), -1);
+        TakeSignals();
+        if (descriptors[1].revents == 0)
+            continue;
+        // A pipe that is ready has room for this much.
+        const ssize_t count = write(descriptor, line.data() + written,
+                                    std::min<size_t>(line.size() - written, PIPE_BUF));
+        if (count < 0 && errno != EINTR && errno != EAGAIN)
+            return;
+        written += count > 0 ? static_cast<size_t>(count) : 0;
+    }
+}
+
+void Program::TakeSignals()
+{
+    while (const int signal = m_signals.Next())
+        OnSignal(signal);
 }
 
 // Silences the player at once. Its worker may not end as soon: one that reads from a pipe may stay

@@ -13,6 +13,8 @@ extern "C"
 #include <libavformat/avio.h>
 #include <libavutil/dict.h>
 #include <libavutil/error.h>
+#include <libavutil/mem.h>
+#include <libavutil/opt.h>
 }
 
 namespace
@@ -21,7 +23,9 @@ namespace
 using Clock = std::chrono::steady_clock;
 
 constexpr std::chrono::seconds kTimeLimit{15};
-constexpr size_t kSizeLimit = 1 << 20;      // bytes; what is longer is no list of titles
+constexpr size_t kEntryLimit = 10000;
+constexpr size_t kSizeLimit = 1 << 20; // bytes; what is longer is no list of titles
+constexpr char kTooLong[] = "This playlist is too long.";
 constexpr char kSilenceLimit[] = "3000000"; // microseconds without a byte from a server
 
 bool EqualsIgnoringCase(std::string_view left, std::string_view right)
@@ -99,6 +103,15 @@ std::vector<std::string_view> PlsEntries(const std::vector<std::string_view>& li
     return entries;
 }
 
+// Playlists come from strangers: FFmpeg's other protocols reach files, devices and standard input.
+bool IsOnTheNetwork(std::string_view address)
+{
+    static constexpr std::string_view kSchemes[] = {"http", "https", "rtmp", "rtsp", "mms", "mmsh"};
+    const std::string_view scheme = address.substr(0, address.find("://"));
+    return std::any_of(std::begin(kSchemes), std::end(kSchemes),
+                       [=](std::string_view known) { return EqualsIgnoringCase(scheme, known); });
+}
+
 // Up to the host's end, "http://host:80".
 std::string_view Origin(std::string_view address)
 {
@@ -151,8 +164,8 @@ std::string ErrorText(int code)
     return text.data();
 }
 
-// Negative: FFmpeg's error.
-int ReadAll(const std::string& url, Limits& limits, std::string& text)
+// Negative: FFmpeg's error. `location` is the address that the server has sent us to in the end.
+int ReadAll(const std::string& url, Limits& limits, std::string& text, std::string& location)
 {
     AVDictionary* options = nullptr;
     av_dict_set(&options, "rw_timeout", kSilenceLimit, 0);
@@ -163,6 +176,10 @@ int ReadAll(const std::string& url, Limits& limits, std::string& text)
     av_dict_free(&options);
     if (result < 0)
         return result;
+    uint8_t* redirected = nullptr;
+    if (av_opt_get(input, "location", AV_OPT_SEARCH_CHILDREN, &redirected) >= 0 && redirected)
+        location = reinterpret_cast<const char*>(redirected);
+    av_free(redirected);
     std::array<char, 4096> block{};
     do
     {
@@ -198,13 +215,12 @@ std::string LocalName(const std::string& name)
     std::string path;
     while (!rest.empty())
     {
-        unsigned char byte = static_cast<unsigned char>(rest.front());
-        size_t length = 1;
-        if (byte == '%' && rest.size() >= 3 &&
-            std::from_chars(rest.data() + 1, rest.data() + 3, byte, 16).ptr == rest.data() + 3)
-            length = 3;
-        path += static_cast<char>(byte);
-        rest.remove_prefix(length);
+        unsigned char escaped = 0; // also what is no escape; a name has no zero bytes
+        if (rest.front() == '%' && rest.size() >= 3 &&
+            std::from_chars(rest.data() + 1, rest.data() + 3, escaped, 16).ptr != rest.data() + 3)
+            escaped = 0;
+        path += escaped ? static_cast<char>(escaped) : rest.front();
+        rest.remove_prefix(escaped ? 3 : 1);
     }
     return path;
 }
@@ -215,44 +231,53 @@ bool IsPlaylist(std::string_view name)
     return EndsWithIgnoringCase(path, ".m3u") || EndsWithIgnoringCase(path, ".pls");
 }
 
-std::vector<std::string> ParsePlaylist(std::string_view text, const std::string& playlist)
+Playlist ParsePlaylist(std::string_view text, const std::string& location)
 {
-    if (text.find('\0') != text.npos)
-        return {}; // no text
+    Playlist playlist;
     const std::vector<std::string_view> lines = Lines(text);
-    if (std::any_of(lines.begin(), lines.end(),
-                    [](std::string_view line) { return line.substr(0, 7) == "#EXT-X-"; }))
-        return {playlist};
+    playlist.bOneStream =
+        std::any_of(lines.begin(), lines.end(),
+                    [](std::string_view line) { return line.substr(0, 7) == "#EXT-X-"; });
+    if (playlist.bOneStream || text.find('\0') != text.npos) // the latter is no text
+        return playlist;
     const bool bPls = !lines.empty() && EqualsIgnoringCase(lines.front(), "[playlist]");
-    const bool bRemote = IsAddress(playlist);
-    std::vector<std::string> entries;
-    for (const std::string_view entry : bPls ? PlsEntries(lines) : M3uEntries(lines))
+    const std::vector<std::string_view> entries = bPls ? PlsEntries(lines) : M3uEntries(lines);
+    if (entries.size() > kEntryLimit)
     {
-        if (!IsAddress(entry))
-            entries.push_back(bRemote ? BesideAddress(entry, playlist)
-                                      : BesideFile(entry, playlist));
-        else if (!bRemote || !StartsWithIgnoringCase(entry, "file:")) // none of a server's business
-            entries.push_back(LocalName(std::string(entry)));
+        playlist.error = kTooLong;
+        return playlist;
     }
-    return entries;
+    const bool bRemote = IsAddress(location);
+    for (const std::string_view entry : entries)
+    {
+        const std::string local = LocalName(std::string(entry));
+        if (!IsAddress(entry))
+            playlist.entries.push_back(bRemote ? BesideAddress(entry, location)
+                                               : BesideFile(entry, location));
+        else if (IsOnTheNetwork(entry))
+            playlist.entries.emplace_back(entry);
+        else if (!bRemote && !IsAddress(local)) // "file://..."
+            playlist.entries.push_back(local);
+    }
+    return playlist;
 }
 
-std::vector<std::string> ReadPlaylist(const std::string& playlist, const std::atomic<bool>& bCancel,
-                                      std::string& error)
+Playlist ReadPlaylist(const std::string& location, const std::atomic<bool>& bCancel)
 {
     Limits limits{bCancel};
     std::string text;
-    const int result = ReadAll(IsAddress(playlist) ? playlist : "file:" + playlist, limits, text);
+    std::string found = location;
+    const int result =
+        ReadAll(IsAddress(location) ? location : "file:" + location, limits, text, found);
+    Playlist playlist;
     if (result < 0)
-    {
-        error = "Failed to read the playlist: " +
-                (Clock::now() > limits.end ? "it took too long" : ErrorText(result));
-        return {};
-    }
-    std::vector<std::string> entries;
-    if (text.size() <= kSizeLimit)
-        entries = ParsePlaylist(text, playlist);
-    if (entries.empty())
-        error = "This playlist holds nothing to play.";
-    return entries;
+        playlist.error = "Failed to read the playlist: " +
+                         (Clock::now() > limits.end ? "it took too long" : ErrorText(result));
+    else if (text.size() > kSizeLimit)
+        playlist.error = kTooLong;
+    else
+        playlist = ParsePlaylist(text, found);
+    if (playlist.entries.empty() && !playlist.bOneStream && playlist.error.empty())
+        playlist.error = "This playlist holds nothing to play.";
+    return playlist;
 }

@@ -37,16 +37,40 @@ administer() {
 # title MOUNT TITLE, with plus signs for spaces
 title() { administer "metadata?mount=/$1&mode=updinfo&song=$2" >/dev/null; }
 
-# deaf_server: lets clients connect and never says a word; its address in `deaf`.
-deaf_server() {
+# server PERL: answers with what the code prints to $client, which knows the $path that was asked
+# for, and then keeps silent; its address in `silent`. Without code it never says a word.
+server() {
+    rm -f silent
     perl -MIO::Socket::INET -e '
         my $server = IO::Socket::INET->new(LocalAddr => "127.0.0.1", Listen => 10) or die;
         $| = 1;
         print $server->sockport, "\n";
-        sleep' >deaf &
+        my @clients;
+        while (my $client = $server->accept) {
+            push @clients, $client;
+            next if $ARGV[0] eq "";
+            $client->autoflush;
+            my ($path) = <$client> =~ / (\S*)/;
+            while (<$client> =~ /\S/) {}
+            eval $ARGV[0];
+            die $@ if $@;
+        }' "${1-}" >silent &
     servers+=("$!")
-    wait_for "the deaf server" test -s deaf
-    deaf=http://127.0.0.1:$(cat deaf)
+    wait_for "the server" test -s silent
+    silent=http://127.0.0.1:$(cat silent)
+}
+
+# stalling_server FILE: sends it as a station would, and nothing more.
+stalling_server() {
+    server 'print $client "HTTP/1.0 200 OK\r\nContent-Type: audio/x-wav\r\n\r\n";
+        open my $file, "<:raw", "'"$1"'" or die;
+        print $client $_ while <$file>;'
+}
+
+# An address at which nobody listens.
+refusing_address() {
+    perl -MIO::Socket::INET -e \
+        'print "http://127.0.0.1:", IO::Socket::INET->new(LocalAddr => "127.0.0.1")->sockport, "/x"'
 }
 
 says() { grep -q -- "$1" out; }
@@ -134,32 +158,95 @@ stops_while() {
     expect_err ""
 }
 case_ctrl_c_while_a_server_does_not_answer() {
-    deaf_server
-    stops_while "^Connecting" "$deaf/stream"
+    server
+    stops_while "^Connecting" "$silent/stream"
 }
-case_ctrl_c_while_a_server_refuses() { stops_while "^Connecting" http://127.0.0.1:1/stream; }
+case_ctrl_c_while_a_server_refuses() { stops_while "^Connecting" "$(refusing_address)"; }
 case_ctrl_c_while_it_waits_for_another_attempt() {
     serve
     stops_while "^Reconnecting: retry 1" "$radio/nothing"
 }
+case_ctrl_c_while_a_stream_stalls() {
+    tone tone.wav 2
+    stalling_server tone.wav
+    stops_while "^Playing" "$silent/stream"
+}
 case_ctrl_c_while_a_playlist_does_not_come() {
-    deaf_server
-    start "$deaf/list.m3u"
+    server
+    start "$silent/list.m3u"
     wait_for "the start" caught_signals
     sleep 0.3
     stop INT
     expect_status 130
     expect_soon
 }
-case_ctrl_c_while_a_stream_plays_on_a_terminal() {
+case_ctrl_c_while_nobody_reads_its_output() {
+    mkfifo pipe
+    sleep 60 <>pipe &
+    servers+=("$!")
+    local names
+    # Each is too long for a file's name, and all of them are more than a pipe holds.
+    names=$(yes "$(printf 'x%.0s' {1..4000})" | head -n 40 || true)
+    # shellcheck disable=SC2086 # the words are arguments
+    "$program" $names >out 2>pipe </dev/null &
+    player=$!
+    wait_for "the pipe to be full" is_polling
+    stop INT
+    expect_status 130
+    expect_soon
+}
+# Whether the player has been in the same wait for a while.
+is_polling() {
+    local before
+    before=$(grep ctxt_switches "/proc/$player/status")
+    sleep 1
+    [ "$(grep ctxt_switches "/proc/$player/status")" = "$before" ]
+}
+
+# stops_on_a_terminal WORD: with Ctrl-C while the line says so.
+stops_on_a_terminal() {
+    await "$1"
+    keys C-c
+    await "ended with 130"
+    sees "stopped" || fail "the last line is gone"
+    expect_restored
+}
+case_ctrl_c_on_a_terminal_while_a_stream_plays() {
+    serve
+    source_of live.mp3
+    open_terminal 80
+    enter "play $radio/live.mp3"
+    stops_on_a_terminal playing
+}
+case_ctrl_c_on_a_terminal_while_a_stream_is_paused() {
     serve
     source_of live.mp3
     open_terminal 80
     enter "play $radio/live.mp3"
     await playing
-    keys C-c
-    await "ended with 130"
-    expect_restored
+    keys Space
+    stops_on_a_terminal paused
+}
+case_ctrl_c_on_a_terminal_while_a_stream_buffers() {
+    tone tone.wav 0.65 -ar 48000 -c:a pcm_f32le
+    stalling_server tone.wav
+    open_terminal 80
+    enter "play $silent/stream"
+    stops_on_a_terminal buffering
+}
+
+case_stream_can_be_paused_before_it_plays() {
+    server
+    open_terminal 80
+    # A file that never began leaves nothing of its --start to the stream.
+    enter "play --start 5 missing.wav $silent/stream"
+    await "0:00 vol 100% connecting$"
+    keys Space
+    await "0:00 vol 100% paused$"
+    keys Space
+    await "0:00 vol 100% connecting$"
+    keys q
+    await "ended with 1"
 }
 
 case_stream_that_cannot_be_decoded_is_told_of() {
@@ -178,15 +265,15 @@ case_stream_that_cannot_be_decoded_is_told_of() {
 case_playlist_files() {
     mkdir music
     for name in one two three four five; do tone "music/$name.wav" 0.2; done
-    mv music/five.wav "five with spaces.wav"
+    mv music/five.wav "five with%%zz%1z%00.wav" # what is no escape stands for itself
     printf '\xef\xbb\xbf#EXTM3U\r\n#EXTINF:1,One\r\none.wav\r\n\r\n%s/music/two.wav\r\n' "$dir" \
         >music/first.M3U
     printf '[playlist]\nFile10=%s\nTitle1=x\nfile2 = three.wav\nFile3=four.wav\nLength1=2\nFile1=%s' \
-        "file://$dir/five%20with%20spaces.wav" first.M3U >music/second.pls
+        "file://$dir/five%20with%25%zz%1z%00.wav" first.M3U >music/second.pls
     play music/second.pls
     expect_status 0
     expect_out "$(printf 'Playing %s (0:00)\n' music/one.wav "$dir/music/two.wav" music/three.wav \
-        music/four.wav "$dir/five with spaces.wav")"
+        music/four.wav "$dir/five with%%zz%1z%00.wav")"
     expect_err ""
 }
 
@@ -205,14 +292,45 @@ case_playlist_addresses() {
     done
 }
 
+case_playlist_that_has_moved() {
+    server 'print $client $path eq "/list.m3u"
+        ? "HTTP/1.0 302 Found\r\nLocation: /deep/down/list.m3u\r\nContent-Length: 0\r\n\r\n"
+        : "HTTP/1.0 200 OK\r\nContent-Length: 9\r\n\r\nlive.mp3\n";
+        close $client;'
+    start "$silent/list.m3u"
+    wait_for "the stream" says "^Connecting to $silent/deep/down/live.mp3$"
+    stop INT
+}
+
+case_segments_of_one_stream_are_no_playlist() {
+    serve
+    ffmpeg -nostdin -v error -f lavfi -i sine=d=8 -ac 2 -c:a aac -f hls -hls_list_size 0 \
+        -hls_segment_filename web/part%d.ts web/stream.m3u8
+    mv web/stream.m3u8 web/stream.m3u
+    start "$radio/stream.m3u"
+    wait_for "the stream" says "^Playing $radio/stream.m3u$"
+    stop INT
+    expect_status 130
+    expect_err ""
+}
+
 case_playlists_from_servers_name_no_files() {
     serve
     tone tone.wav 0.3
-    printf 'file://%s/tone.wav\n' "$dir" >web/list.m3u
+    printf '%s\n' "file://$dir/tone.wav" "concat://$dir/tone.wav" "pipe://0" "subfile://x" \
+        >web/list.m3u
     play "$radio/list.m3u"
     expect_status 1
     expect_out ""
     expect_err "tovrel-play: $radio/list.m3u: This playlist holds nothing to play."
+}
+
+case_playlist_files_name_no_devices() {
+    printf '%s\n' "pipe://0" "FILE://localhost$dir/tone.wav" >list.m3u
+    tone tone.wav 0.3
+    play list.m3u
+    expect_status 0
+    expect_out "Playing $dir/tone.wav (0:00)"
 }
 
 # bad_list FILE TEXT
@@ -242,7 +360,15 @@ case_playlist_that_is_music() {
 }
 case_playlist_without_an_end() {
     ln -s /dev/zero endless.m3u
-    bad_list endless.m3u "$nothing"
+    bad_list endless.m3u "This playlist is too long."
+}
+case_playlist_of_too_many() {
+    yes a | head -n 10001 >many.m3u || true
+    bad_list many.m3u "This playlist is too long."
+}
+case_playlist_that_names_itself() {
+    echo a.m3u >a.m3u
+    bad_list a.m3u "Too many playlists that name playlists."
 }
 case_playlists_that_name_each_other() {
     echo b.m3u >a.m3u
