@@ -121,9 +121,14 @@ ChildProcess::ChildProcess(const std::vector<std::string>& arguments, const std:
 
 ChildProcess::~ChildProcess()
 {
+    End(SIGKILL);
+}
+
+void ChildProcess::End(int signal)
+{
     if (m_pid < 0)
         return;
-    kill(m_pid, SIGKILL);
+    kill(m_pid, signal);
     Wait();
 }
 

@@ -65,6 +65,7 @@ public:
     ChildProcess& operator=(const ChildProcess&) = delete;
 
     int Wait(); // its exit status, -1 when it did not exit by itself
+    void End(int signal);
 
 private:
     pid_t m_pid = -1;
