@@ -199,7 +199,8 @@ Script Station(size_t first, size_t count)
 
 // --- From the first frame on --------------------------------------------------------------------
 
-TEST(RadioSound, NothingIsHeardBeforeTheStartBufferIsFull)
+// With a server that keeps silent for a while when it has sent most of the start buffer.
+void ExpectNothingBeforeTheStartBuffer(const std::function<void(TovrelAudioPlayer&)>& meanwhile)
 {
     constexpr size_t kBefore = kSecond * 6 / 10;
     constexpr size_t kTotal = 2 * kSecond;
@@ -214,6 +215,8 @@ TEST(RadioSound, NothingIsHeardBeforeTheStartBufferIsFull)
     Reports reports;
     TovrelAudioPlayer player;
     ASSERT_TRUE(player.PlayStream(server.Url(), reports.Callback()));
+    ASSERT_TRUE(reports.WaitForLine("Buffering 0"));
+    meanwhile(player);
     ASSERT_TRUE(WaitForSound(reports));
     recording.AwaitMore(kTotal + kSecond / 2);
     player.Stop();
@@ -223,6 +226,23 @@ TEST(RadioSound, NothingIsHeardBeforeTheStartBufferIsFull)
     EXPECT_GE(heard.positions.front(), goneOnAt);
     EXPECT_EQ(heard.gaps, 0u);
     EXPECT_EQ(reports.Lines(), (Lines{"Connecting 0", "Buffering 0", "Playing 0", "Stopped 0"}));
+}
+
+TEST(RadioSound, NothingIsHeardBeforeTheStartBufferIsFull)
+{
+    ExpectNothingBeforeTheStartBuffer([](TovrelAudioPlayer&) {});
+}
+
+TEST(RadioPause, ThatEndsWhileItBuffersLeavesItBuffering)
+{
+    ExpectNothingBeforeTheStartBuffer(
+        [](TovrelAudioPlayer& player)
+        {
+            SleepMs(300);
+            player.SetPaused(true);
+            SleepMs(50);
+            player.SetPaused(false);
+        });
 }
 
 TEST(RadioSound, BurstThenRealTimeIsHeardOnceAndWithoutAGap)
