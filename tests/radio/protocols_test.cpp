@@ -106,7 +106,7 @@ TEST_F(Protocols, HlsPlaylistPlays)
     Media::Make(
         "-f lavfi -i sine=d=1.8:r=48000 -ac 2 -c:a aac -hls_time 0.5 -hls_list_size 0 -f hls",
         "radio.m3u8");
-    ScriptedServer server(
+    ScriptedServer radio(
         [](const std::string& request)
         {
             const size_t start = request.find('/') + 1;
@@ -118,7 +118,7 @@ TEST_F(Protocols, HlsPlaylistPlays)
                          {bPlaylist ? "Content-Type: application/vnd.apple.mpegurl"
                                     : "Content-Type: video/mp2t"});
         });
-    Play(server.Url("/radio.m3u8"));
+    Play(radio.Url("/radio.m3u8"));
     EXPECT_THAT(Lines(), ElementsAre("Connecting 0", "Buffering 0", "Playing 0", "Playing 0",
                                      "Reconnecting 1 retry 1/300: " + kEnd));
     EXPECT_EQ(reports.LastInfo().Codec, "aac");
@@ -133,9 +133,9 @@ TEST_F(Protocols, HttpsPlaysWithASelfSignedCertificate)
     Media::Write("stream", "HTTP/1.0 200 OK\r\nContent-Type: audio/x-wav\r\nicy-name: Secret\r\n"
                            "Content-Length: " +
                                std::to_string(wav.size()) + "\r\n\r\n" + wav);
-    const TlsServer server;
-    ASSERT_TRUE(server.IsUp());
-    Play(server.Url("stream"));
+    const TlsServer radio;
+    ASSERT_TRUE(radio.IsUp());
+    Play(radio.Url("stream"));
     EXPECT_THAT(Lines(), ElementsAre("Connecting 0", "Buffering 0", "Playing 0", "Playing 0",
                                      "Reconnecting 1 retry 1/300: " + kEnd));
     EXPECT_EQ(reports.LastInfo().IcyName, "Secret");

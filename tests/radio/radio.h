@@ -8,6 +8,10 @@
 
 #include <algorithm>
 #include <chrono>
+#include <ctime>
+#include <filesystem>
+#include <functional>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -23,6 +27,10 @@ inline const std::string kNotFound = "Failed to open radio stream: Server return
 constexpr size_t kBlock = 512; // frames of a packet of a 48000 Hz stereo float WAV stream
 constexpr size_t kBlockBytes = kBlock * 2 * sizeof(float);
 constexpr double kRate = 48000.0;
+constexpr double kBlockSeconds = kBlock / kRate;
+
+// How many blocks it takes until something is heard: 0.7 s of sound.
+constexpr size_t kStartBlocks = 66;
 
 struct Report
 {
@@ -112,42 +120,47 @@ bool Eventually(Predicate bDone)
     return false;
 }
 
-class Radio : public Playback
+inline double RealSeconds()
 {
-protected:
-    Radio() { av_log_set_level(AV_LOG_QUIET); }
-    ~Radio() override { Stop(); } // before the reports go
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) * 1e-9;
+}
 
-    // Starts, and lets the worker run up to its first sleep: with up to 2 s of sound that is the
-    // wait before its first retry, with more of it the wait for the queue.
-    void Play(const std::string& url)
+// How long a host may have to wait for a stop, in seconds; the sanitizers make everything slower.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr double kStopLimit = 1.0;
+#else
+constexpr double kStopLimit = 0.25;
+#endif
+
+// What this process holds of what a playback could leave behind.
+struct Holdings
+{
+    size_t descriptors = EntriesOf("/proc/self/fd");
+    size_t threads = EntriesOf("/proc/self/task");
+
+    bool operator==(const Holdings&) const = default;
+
+private:
+    static size_t EntriesOf(const char* directory)
     {
-        Start(url);
-        VirtualTime::Settle();
+        const std::filesystem::directory_iterator entries(directory);
+        return static_cast<size_t>(std::distance(begin(entries), end(entries)));
     }
-
-    void Start(const std::string& url) { ASSERT_TRUE(player.PlayStream(url, reports.Callback())); }
-
-    // Lets time pass until the condition holds.
-    template <class Predicate>
-    bool StepUntil(Predicate bDone, double seconds = 30.0)
-    {
-        const double limit = VirtualTime::Now() + seconds;
-        while (!bDone() && VirtualTime::Now() < limit)
-            VirtualTime::Step(0.1);
-        return bDone();
-    }
-
-    bool StepToRetry(int attempt)
-    {
-        return StepUntil([&] { return reports.LastInfo().ReconnectAttempt == attempt; });
-    }
-
-    std::vector<std::string> Lines() const { return reports.Lines(); }
-    size_t Pushes() const { return VirtualDevice::Sinks().back()->pushedFrames.size(); }
-
-    Reports reports;
 };
+
+inline void PrintTo(const Holdings& holdings, std::ostream* out)
+{
+    *out << holdings.descriptors << " descriptors and " << holdings.threads << " threads";
+}
+
+// Threads that were joined are listed a moment longer, so this may take its time.
+inline void ExpectHoldings(const Holdings& expected)
+{
+    Eventually([&] { return Holdings() == expected; });
+    EXPECT_EQ(Holdings(), expected);
+}
 
 inline size_t Seconds(double seconds)
 {
@@ -172,6 +185,94 @@ inline std::vector<float> WavSound(size_t frames)
 {
     return Media::Played(Ramp(frames, 2));
 }
+
+class Radio : public Playback
+{
+protected:
+    Radio() { av_log_set_level(AV_LOG_QUIET); }
+
+    // A sanitizer keeps a thread of its own from the first one on, which is not to be counted.
+    static void SetUpTestSuite()
+    {
+        std::thread([] {}).join();
+    }
+
+    // Whatever a test plays, nothing of it stays.
+    void TearDown() override
+    {
+        Stop();
+        server.reset();
+        ExpectHoldings(atStart);
+    }
+
+    // Starts, and lets the worker run up to its first sleep: with up to 2 s of sound that is the
+    // wait before its first retry, with more of it the wait for the queue.
+    void Play(const std::string& url)
+    {
+        Start(url);
+        VirtualTime::Settle();
+    }
+
+    void Start(const std::string& url) { ASSERT_TRUE(player.PlayStream(url, reports.Callback())); }
+
+    void PlayScripts(std::vector<Script> scripts)
+    {
+        server = std::make_unique<ScriptedServer>(std::move(scripts));
+        Play(server->Url());
+    }
+
+    // A stream of this length, and nothing but failures after it.
+    void PlayWav(double seconds) { PlayScripts({Whole(WavBytes(Seconds(seconds))), NotFound()}); }
+
+    // Calls this from the tap in one block, counted from 1.
+    void InBlock(size_t block, std::function<void()> act)
+    {
+        player.SetAudioPCMCallback(
+            [left = std::make_shared<size_t>(block), act = std::move(act)](const float*, int, int,
+                                                                           int, long)
+            {
+                if (--*left == 0)
+                    act();
+            });
+    }
+
+    void PauseInBlock(size_t block)
+    {
+        InBlock(block, [this] { PauseFromTap(player); });
+    }
+
+    // The first block may come before the Play that brings it has returned.
+    static void PauseFromTap(TovrelAudioPlayer& playing)
+    {
+        while (!playing.IsPlaying())
+            std::this_thread::yield();
+        playing.SetPaused(true);
+    }
+
+    // Lets time pass until the condition holds.
+    template <class Predicate>
+    bool StepUntil(Predicate bDone, double seconds = 30.0)
+    {
+        const double limit = VirtualTime::Now() + seconds;
+        while (!bDone() && VirtualTime::Now() < limit)
+            VirtualTime::Step(0.1);
+        return bDone();
+    }
+
+    bool StepToRetry(int attempt)
+    {
+        return StepUntil([&] { return reports.LastInfo().ReconnectAttempt == attempt; });
+    }
+
+    std::vector<std::string> Lines() const { return reports.Lines(); }
+    size_t Pushes() const { return VirtualDevice::Sinks().back()->pushedFrames.size(); }
+
+    Reports reports;
+    std::unique_ptr<ScriptedServer> server;
+
+private:
+    const Holdings atStart;
+};
 
 // How many whole periods a stereo sine has, whatever small noise stands around it.
 inline size_t Periods(const std::vector<float>& samples)

@@ -17,14 +17,6 @@ class Reconnecting : public Radio
 {
 protected:
     Reconnecting() { ForgetReleases(); }
-
-    void PlayScripts(std::vector<Script> scripts)
-    {
-        server = std::make_unique<ScriptedServer>(std::move(scripts));
-        Play(server->Url());
-    }
-
-    std::unique_ptr<ScriptedServer> server;
 };
 
 } // namespace

@@ -129,6 +129,12 @@ void Connection::Wait(std::chrono::milliseconds time)
     Ready(POLLRDHUP, static_cast<int>(time.count()));
 }
 
+void Connection::WaitUntil(const std::function<bool()>& bDone)
+{
+    while (!bDone() && !bEnded)
+        Wait(std::chrono::milliseconds(1));
+}
+
 void Connection::WaitForHangUp()
 {
     Ready(POLLRDHUP, kForever);
@@ -167,6 +173,14 @@ Step SendPaced(const std::string& bytes, size_t bytesPerSecond)
     return [=](Connection& connection)
     {
         connection.SendPaced(bytes, bytesPerSecond);
+    };
+}
+
+Step WaitUntil(const std::function<bool()>& bDone)
+{
+    return [bDone](Connection& connection)
+    {
+        connection.WaitUntil(bDone);
     };
 }
 

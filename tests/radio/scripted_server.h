@@ -43,6 +43,7 @@ public:
     bool Send(std::string_view bytes);
     void SendPaced(std::string_view bytes, size_t bytesPerSecond);
     void Wait(std::chrono::milliseconds time);
+    void WaitUntil(const std::function<bool()>& bDone);
     void WaitForHangUp();
     void Reset();         // breaks off, where the end of a script closes in good order
     void StopListening(); // the server refuses every connection from now on
@@ -67,6 +68,7 @@ using Script = std::vector<Step>;
 Step Reply(const std::string& status, const std::vector<std::string>& headers = {});
 Step Send(const std::string& bytes);
 Step SendPaced(const std::string& bytes, size_t bytesPerSecond);
+Step WaitUntil(const std::function<bool()>& bDone);
 Step Stall();
 Step Reset();
 Step StopListening();

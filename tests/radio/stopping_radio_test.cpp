@@ -2,8 +2,6 @@
 #include "radio.h"
 
 #include <cstdio>
-#include <ctime>
-#include <filesystem>
 #include <memory>
 
 using testing::ElementsAre;
@@ -11,28 +9,9 @@ using testing::ElementsAre;
 namespace
 {
 
-// What a host is promised, in seconds; the sanitizers make everything slower.
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr double kStopLimit = 1.0;
-#else
-constexpr double kStopLimit = 0.25;
-#endif
-
-double RealSeconds()
-{
-    timespec now{};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) * 1e-9;
-}
-
 class StoppingRadio : public Radio
 {
 protected:
-    void PlayScripts(std::vector<Script> scripts)
-    {
-        server = std::make_unique<ScriptedServer>(std::move(scripts));
-        Play(server->Url());
-    }
     void StartScripts(std::vector<Script> scripts)
     {
         server = std::make_unique<ScriptedServer>(std::move(scripts));
@@ -67,8 +46,6 @@ protected:
     {
         return Eventually([&] { return reports.Count(state) > 0; });
     }
-
-    std::unique_ptr<ScriptedServer> server;
 };
 
 // Not whole, so that there is always more to come.
@@ -182,19 +159,6 @@ TEST_F(StoppingRadio, WhileWaitingForTheNextAttempt)
     ExpectQuickStop("waiting for the next attempt");
 }
 
-TEST_F(StoppingRadio, DestructionIsAStop)
-{
-    ScriptedServer silent({{Stall()}});
-    auto second = std::make_unique<TovrelAudioPlayer>();
-    second->PlayStream(silent.Url(), reports.Callback());
-    ASSERT_TRUE(Eventually([&] { return silent.RequestCount() == 1; }));
-    VirtualTime::SetFreeRunning(true);
-    const double start = RealSeconds();
-    second.reset();
-    EXPECT_LT(RealSeconds() - start, kStopLimit);
-    EXPECT_EQ(reports.Last().state, StreamState::Stopped);
-}
-
 TEST_F(StoppingRadio, NothingIsReportedAfterwards)
 {
     PlayScripts({Endless(4.0)});
@@ -205,23 +169,201 @@ TEST_F(StoppingRadio, NothingIsReportedAfterwards)
     EXPECT_EQ(reports.Last().state, StreamState::Stopped);
 }
 
-// --- Zapping
+// --- Destruction is a stop
 
 namespace
 {
 
-size_t EntriesOf(const char* directory)
+class DestroyingRadio : public StoppingRadio
 {
-    const std::filesystem::directory_iterator entries(directory);
-    return static_cast<size_t>(std::distance(begin(entries), end(entries)));
-}
+protected:
+    DestroyingRadio()
+    {
+        VirtualTime::SetWorkerEnded([] { return false; });
+    }
 
-std::pair<size_t, size_t> DescriptorsAndThreads()
-{
-    return {EntriesOf("/proc/self/fd"), EntriesOf("/proc/self/task")};
-}
+    void StartDoomed(std::vector<Script> scripts)
+    {
+        server = std::make_unique<ScriptedServer>(std::move(scripts));
+        ASSERT_TRUE(doomed->PlayStream(server->Url(), reports.Callback()));
+    }
+    void PlayDoomed(std::vector<Script> scripts)
+    {
+        StartDoomed(std::move(scripts));
+        VirtualTime::Settle();
+    }
+
+    void ExpectQuickDestruction(const char* phase)
+    {
+        std::atomic<bool> bDestroyed = false;
+        VirtualTime::SetWorkerEnded([&] { return bDestroyed.load(); });
+        const double realStart = RealSeconds();
+        const double virtualStart = VirtualTime::Now();
+        const TovrelAudioPlayerTestAccess going{*doomed};
+        std::thread destroyer;
+        {
+            // Held, so that no time passes before the player has begun to stop.
+            const std::lock_guard lock(going.AudioOutputMutex());
+            destroyer = std::thread(
+                [&]
+                {
+                    doomed.reset();
+                    bDestroyed = true;
+                });
+            while (!going.StopRequested())
+                std::this_thread::yield();
+        }
+        while (!bDestroyed && VirtualTime::Now() < virtualStart + 5.0)
+            VirtualTime::Step(0.001);
+        VirtualTime::SetFreeRunning(true);
+        destroyer.join();
+        VirtualTime::SetFreeRunning(false);
+        VirtualTime::SetWorkerEnded([] { return true; });
+        const double seconds = RealSeconds() - realStart + VirtualTime::Now() - virtualStart;
+        std::printf("destroyed in %.1f ms: %s\n", seconds * 1000.0, phase);
+        EXPECT_LT(seconds, kStopLimit);
+        EXPECT_EQ(reports.Last().state, StreamState::Stopped);
+        for (const auto& sink : VirtualDevice::Sinks())
+            EXPECT_TRUE(sink->bDeleted);
+    }
+
+    std::unique_ptr<TovrelAudioPlayer> doomed = std::make_unique<TovrelAudioPlayer>();
+    TovrelAudioPlayerTestAccess inside{*doomed};
+};
 
 } // namespace
+
+TEST_F(DestroyingRadio, WhileTheServerDoesNotAnswer)
+{
+    StartDoomed({{Stall()}});
+    ASSERT_TRUE(Eventually([&] { return server->RequestCount() == 1; }));
+    ExpectQuickDestruction("waiting for an answer");
+}
+
+TEST_F(DestroyingRadio, WhileWaitingForTheNextAttempt)
+{
+    PlayDoomed({NotFound()});
+    VirtualTime::Step(0.501);
+    ExpectQuickDestruction("waiting for the next attempt");
+}
+
+TEST_F(DestroyingRadio, WhileBufferingStalls)
+{
+    StartDoomed({Endless(0.69)});
+    ASSERT_TRUE(Eventually([&] { return inside.QueuedSourceEndSec() > 0.6; }));
+    std::this_thread::sleep_for(std::chrono::milliseconds(50)); // until FFmpeg waits
+    ExpectQuickDestruction("buffering, with the stream stalled");
+}
+
+TEST_F(DestroyingRadio, WhileReadingStalls)
+{
+    StartDoomed({Endless(1.0)});
+    ASSERT_TRUE(Eventually([&] { return inside.QueuedSourceEndSec() > 0.9; }));
+    ExpectQuickDestruction("playing, with the stream stalled");
+}
+
+TEST_F(DestroyingRadio, WhilePlaying)
+{
+    PlayDoomed({Endless(4.0)});
+    VirtualTime::Step(0.5055);
+    ExpectQuickDestruction("playing");
+}
+
+TEST_F(DestroyingRadio, WhilePaused)
+{
+    doomed->SetAudioPCMCallback([this](const float*, int, int, int, long)
+                                { PauseFromTap(*doomed); });
+    PlayDoomed({Endless(1.0)});
+    VirtualTime::Step(1.0055);
+    ExpectQuickDestruction("paused");
+}
+
+TEST_F(DestroyingRadio, WhilePausedAndTheQueueIsFull)
+{
+    PlayDoomed({Endless(4.0)});
+    doomed->SetPaused(true);
+    VirtualTime::Step(1.0055);
+    ExpectQuickDestruction("paused, with the queue full");
+}
+
+// --- Reports of the end
+
+namespace
+{
+
+struct StopAt
+{
+    StreamState state;
+    std::vector<std::string> reports;
+};
+
+const StopAt kStopsAt[] = {
+    {StreamState::Connecting,
+     {"Connecting 0", "Reconnecting 1 retry 1/300: Radio stream open cancelled.", "Stopped 1"}},
+    {StreamState::Buffering, {"Connecting 0", "Buffering 0", "Stopped 0"}},
+    {StreamState::Playing, {"Connecting 0", "Buffering 0", "Playing 0", "Stopped 0"}},
+    {StreamState::Reconnecting,
+     {"Connecting 0", "Buffering 0", "Playing 0", "Playing 0",
+      "Reconnecting 1 retry 1/300: " + kEnd, "Stopped 1"}},
+};
+
+void PrintTo(const StopAt& stop, std::ostream* out)
+{
+    *out << NameOf(stop.state);
+}
+
+class StopFromTheCallback : public StoppingRadio, public testing::WithParamInterface<StopAt>
+{
+};
+
+} // namespace
+
+TEST_P(StopFromTheCallback, EndsAsAStop)
+{
+    ScriptedServer radio({Whole(WavBytes(Seconds(1.0))), NotFound()});
+    player.PlayStream(radio.Url(),
+                      [this, report = reports.Callback()](StreamState state, const StreamInfo& info,
+                                                          const std::string& text)
+                      {
+                          report(state, info, text);
+                          if (state == GetParam().state)
+                              player.RequestStop();
+                      });
+    VirtualTime::Settle();
+    EXPECT_TRUE(player.HasFinished());
+    EXPECT_EQ(Lines(), GetParam().reports);
+    EXPECT_FALSE(access.HasOutput());
+}
+
+INSTANTIATE_TEST_SUITE_P(States, StopFromTheCallback, testing::ValuesIn(kStopsAt),
+                         [](const auto& stop) { return NameOf(stop.param.state); });
+
+// A host that has seen the end expects nothing more.
+TEST_F(StoppingRadio, LastReportComesBeforeTheEndIsSeen)
+{
+    std::vector<bool> finished;
+    ScriptedServer radio({NotFound()});
+    player.PlayStream(radio.Url(), [&](StreamState, const StreamInfo&, const std::string&)
+                      { finished.push_back(player.HasFinished()); });
+    VirtualTime::Settle();
+    Stop();
+    EXPECT_TRUE(player.HasFinished());
+    EXPECT_THAT(finished, ElementsAre(false, false, false)); // Connecting, Reconnecting, Stopped
+}
+
+TEST_F(StoppingRadio, ErrorReportComesBeforeTheEndIsSeen)
+{
+    std::vector<bool> finished;
+    ScriptedServer radio({Whole(WavBytes(Seconds(1.0)))});
+    VirtualDevice::FailInit(true);
+    player.PlayStream(radio.Url(), [&](StreamState, const StreamInfo&, const std::string&)
+                      { finished.push_back(player.HasFinished()); });
+    VirtualTime::Settle();
+    EXPECT_TRUE(player.HasFinished());
+    EXPECT_THAT(finished, ElementsAre(false, false)); // Connecting, Error
+}
+
+// --- Zapping
 
 TEST_F(StoppingRadio, ZappingThroughStationsLeavesNothingBehind)
 {
@@ -232,7 +374,7 @@ TEST_F(StoppingRadio, ZappingThroughStationsLeavesNothingBehind)
     for (int i = 0; i < 10; ++i)
         zapped.insert(zapped.end(), stations.begin(), stations.end());
     ScriptedServer radio(zapped);
-    const auto before = DescriptorsAndThreads();
+    const Holdings atRest;
 
     VirtualTime::SetFreeRunning(true);
     double longest = 0.0;
@@ -251,9 +393,7 @@ TEST_F(StoppingRadio, ZappingThroughStationsLeavesNothingBehind)
 
     std::printf("longest zap: %.1f ms\n", longest * 1000.0);
     EXPECT_LT(longest, kStopLimit);
-    EXPECT_TRUE(Eventually([&] { return DescriptorsAndThreads() == before; }))
-        << DescriptorsAndThreads().first << " descriptors for " << before.first << ", "
-        << DescriptorsAndThreads().second << " threads for " << before.second;
+    ExpectHoldings(atRest);
     EXPECT_EQ(reports.Count(StreamState::Stopped), zapped.size());
     for (const auto& sink : VirtualDevice::Sinks())
         EXPECT_TRUE(sink->bDeleted);

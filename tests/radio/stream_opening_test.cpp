@@ -2,8 +2,6 @@
 #include "dictionary_log.h"
 #include "radio.h"
 
-#include <filesystem>
-
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::StartsWith;
@@ -13,12 +11,6 @@ namespace
 
 const char* const kVideoOnly = "-f lavfi -i testsrc=d=0.2:s=64x64:r=25 -c:v mpeg2video -f mpegts";
 
-size_t OpenDescriptors()
-{
-    const std::filesystem::directory_iterator entries("/proc/self/fd");
-    return static_cast<size_t>(std::distance(begin(entries), end(entries)));
-}
-
 class StreamOpening : public Radio
 {
 protected:
@@ -27,10 +19,11 @@ protected:
         ForgetReleases();
         ForgetDictionaryEntries();
     }
-    ~StreamOpening() override
+    void TearDown() override
     {
         avcodec_free_context(&codec);
         avformat_close_input(&format);
+        Radio::TearDown();
     }
 
     bool Open(const std::string& url, std::string* message)
@@ -66,8 +59,8 @@ protected:
 
 TEST_F(StreamOpening, ReturnsAnOpenedDemuxerAndDecoder)
 {
-    ScriptedServer server({Whole(WavBytes(4800))});
-    ASSERT_TRUE(Open(server.Url()));
+    ScriptedServer radio({Whole(WavBytes(4800))});
+    ASSERT_TRUE(Open(radio.Url()));
     EXPECT_EQ(streamIndex, 0);
     EXPECT_STREQ(format->iformat->name, "wav");
     EXPECT_EQ(codec->codec_id, AV_CODEC_ID_PCM_F32LE);
@@ -77,27 +70,27 @@ TEST_F(StreamOpening, ReturnsAnOpenedDemuxerAndDecoder)
 
 TEST_F(StreamOpening, IntroducesItselfAndAsksForTitles)
 {
-    ScriptedServer server({Whole(WavBytes(4800))});
-    ASSERT_TRUE(Open(server.Url("/some/mount?a=b")));
-    ASSERT_EQ(server.RequestCount(), 1u);
-    EXPECT_THAT(server.Requests()[0], StartsWith("GET /some/mount?a=b HTTP/1."));
-    EXPECT_THAT(server.Requests()[0],
+    ScriptedServer radio({Whole(WavBytes(4800))});
+    ASSERT_TRUE(Open(radio.Url("/some/mount?a=b")));
+    ASSERT_EQ(radio.RequestCount(), 1u);
+    EXPECT_THAT(radio.Requests()[0], StartsWith("GET /some/mount?a=b HTTP/1."));
+    EXPECT_THAT(radio.Requests()[0],
                 HasSubstr("\r\nIcy-MetaData: 1\r\nUser-Agent: Tovrel/1.0\r\n"));
 }
 
 TEST_F(StreamOpening, SendsItsHeadersOnlyOnce)
 {
-    ScriptedServer server({Whole(WavBytes(4800))});
-    ASSERT_TRUE(Open(server.Url()));
-    const std::string request = server.Requests().at(0);
+    ScriptedServer radio({Whole(WavBytes(4800))});
+    ASSERT_TRUE(Open(radio.Url()));
+    const std::string request = radio.Requests().at(0);
     for (const std::string header : {"User-Agent:", "Icy-MetaData:"})
         EXPECT_EQ(request.find(header), request.rfind(header)) << header;
 }
 
 TEST_F(StreamOpening, PassesItsOptionsInTheirOrder)
 {
-    ScriptedServer server({NotFound()});
-    Open(server.Url());
+    ScriptedServer radio({NotFound()});
+    Open(radio.Url());
     EXPECT_THAT(DictionaryEntries(),
                 ElementsAre("headers=Icy-MetaData: 1\r\nUser-Agent: Tovrel/1.0\r\n 0", "icy=1 0",
                             "reconnect=1 0", "reconnect_streamed=1 0",
@@ -107,8 +100,8 @@ TEST_F(StreamOpening, PassesItsOptionsInTheirOrder)
 
 TEST_F(StreamOpening, ForcesNoFormatAndNoProbeLimits)
 {
-    ScriptedServer server({Whole(WavBytes(4800))});
-    ASSERT_TRUE(Open(server.Url()));
+    ScriptedServer radio({Whole(WavBytes(4800))});
+    ASSERT_TRUE(Open(radio.Url()));
     AVFormatContext* plain = avformat_alloc_context();
     EXPECT_EQ(format->probesize, plain->probesize);
     EXPECT_EQ(format->max_analyze_duration, plain->max_analyze_duration);
@@ -117,8 +110,8 @@ TEST_F(StreamOpening, ForcesNoFormatAndNoProbeLimits)
 
 TEST_F(StreamOpening, StaysInterruptibleForTheLifeOfTheContext)
 {
-    ScriptedServer server({Whole(WavBytes(4800))});
-    ASSERT_TRUE(Open(server.Url()));
+    ScriptedServer radio({Whole(WavBytes(4800))});
+    ASSERT_TRUE(Open(radio.Url()));
     const AVIOInterruptCB& interrupt = format->interrupt_callback;
     EXPECT_EQ(interrupt.opaque, &player);
     EXPECT_EQ(interrupt.callback(interrupt.opaque), 0);
@@ -137,8 +130,8 @@ TEST_F(StreamOpening, InterruptAnswersZeroOrOne)
 
 TEST_F(StreamOpening, PublishesTheContentTypeOfTheResponse)
 {
-    ScriptedServer server({Whole(WavBytes(4800), {"Content-Type: audio/x-wav"})});
-    ASSERT_TRUE(Open(server.Url()));
+    ScriptedServer radio({Whole(WavBytes(4800), {"Content-Type: audio/x-wav"})});
+    ASSERT_TRUE(Open(radio.Url()));
     EXPECT_EQ(Internals::MetadataValue(format->metadata, "content-type"), "audio/x-wav");
 }
 
@@ -146,15 +139,15 @@ TEST_F(StreamOpening, KeepsAContentTypeThatTheStreamItselfTells)
 {
     const std::string nut =
         Encoded("-metadata content-type=own -c:a pcm_s16le -f nut", "own.nut", 0.2);
-    ScriptedServer server({Whole(nut, {"Content-Type: audio/nut"})});
-    ASSERT_TRUE(Open(server.Url()));
+    ScriptedServer radio({Whole(nut, {"Content-Type: audio/nut"})});
+    ASSERT_TRUE(Open(radio.Url()));
     EXPECT_EQ(Internals::MetadataValue(format->metadata, "content-type"), "own");
 }
 
 TEST_F(StreamOpening, KnowsNoContentTypeWhereTheServerTellsNone)
 {
-    ScriptedServer server({Whole(WavBytes(4800))});
-    ASSERT_TRUE(Open(server.Url()));
+    ScriptedServer radio({Whole(WavBytes(4800))});
+    ASSERT_TRUE(Open(radio.Url()));
     EXPECT_EQ(av_dict_get(format->metadata, "content-type", nullptr, 0), nullptr);
 }
 
@@ -162,8 +155,8 @@ TEST_F(StreamOpening, KnowsNoContentTypeWhereTheServerTellsNone)
 
 TEST_F(StreamOpening, ErrorStatusGivesFFmpegsText)
 {
-    ScriptedServer server({NotFound()});
-    ExpectFailure(server.Url(), kNotFound);
+    ScriptedServer radio({NotFound()});
+    ExpectFailure(radio.Url(), kNotFound);
 }
 
 TEST_F(StreamOpening, UnknownProtocolGivesFFmpegsText)
@@ -173,30 +166,30 @@ TEST_F(StreamOpening, UnknownProtocolGivesFFmpegsText)
 
 TEST_F(StreamOpening, GarbageGivesFFmpegsText)
 {
-    ScriptedServer server({Whole(std::string(100, 'x'))});
-    ExpectFailure(server.Url(),
+    ScriptedServer radio({Whole(std::string(100, 'x'))});
+    ExpectFailure(radio.Url(),
                   "Failed to open radio stream: Invalid data found when processing input");
 }
 
 TEST_F(StreamOpening, StopWhileTheServerIsSilentIsACancelledOpen)
 {
-    ScriptedServer server({{Stall()}});
+    ScriptedServer radio({{Stall()}});
     std::thread stopper(
         [&]
         {
-            while (server.RequestCount() == 0)
+            while (radio.RequestCount() == 0)
                 std::this_thread::yield();
             player.RequestStop();
         });
-    ExpectFailure(server.Url(), "Radio stream open cancelled.");
+    ExpectFailure(radio.Url(), "Radio stream open cancelled.");
     stopper.join();
 }
 
 TEST_F(StreamOpening, StopWhileConnectingIsACancelledOpen)
 {
-    DeafServer server;
+    DeafServer radio;
     access.StopRequested() = true;
-    ExpectFailure(server.Url(), "Radio stream open cancelled.");
+    ExpectFailure(radio.Url(), "Radio stream open cancelled.");
 }
 
 // Whatever the reason was: who stops does not want to hear of it.
@@ -209,17 +202,17 @@ TEST_F(StreamOpening, FailureDuringAStopIsACancelledOpen)
 
 TEST_F(StreamOpening, VideoOnlyIsNoAudioStream)
 {
-    ScriptedServer server({Whole(Media::Read(Media::Make(kVideoOnly, "video.ts")))});
-    ExpectFailure(server.Url(), "No audio stream found in radio source.");
+    ScriptedServer radio({Whole(Media::Read(Media::Make(kVideoOnly, "video.ts")))});
+    ExpectFailure(radio.Url(), "No audio stream found in radio source.");
     EXPECT_THAT(Releases(), ElementsAre("avformat_close_input"));
 }
 
 TEST_F(StreamOpening, VideoOnlyLeavesNothingOpen)
 {
-    ScriptedServer server({Whole(Media::Read(Media::Make(kVideoOnly, "video.ts")))});
-    const size_t before = OpenDescriptors();
-    Open(server.Url());
-    EXPECT_TRUE(Eventually([&] { return OpenDescriptors() == before; })); // the server's side too
+    ScriptedServer radio({Whole(Media::Read(Media::Make(kVideoOnly, "video.ts")))});
+    const size_t before = Holdings().descriptors;
+    Open(radio.Url());
+    EXPECT_TRUE(Eventually([&] { return Holdings().descriptors == before; })); // the server's too
 }
 
 namespace
@@ -265,18 +258,18 @@ const Failure kFailures[] = {
 
 TEST_P(StreamOpeningFailure, SaysWhyAndLeavesNothingBehind)
 {
-    ScriptedServer server({Whole(WavBytes(4800))});
+    ScriptedServer radio({Whole(WavBytes(4800))});
     const FailingCall failing(GetParam().function, GetParam().code);
-    ExpectFailure(server.Url(), GetParam().message);
+    ExpectFailure(radio.Url(), GetParam().message);
     EXPECT_TRUE(failing.Happened());
     EXPECT_EQ(Releases(), GetParam().releases);
 }
 
 TEST_P(StreamOpeningFailure, NeedsNoMessage)
 {
-    ScriptedServer server({Whole(WavBytes(4800))});
+    ScriptedServer radio({Whole(WavBytes(4800))});
     const FailingCall failing(GetParam().function, GetParam().code);
-    EXPECT_FALSE(Open(server.Url(), nullptr));
+    EXPECT_FALSE(Open(radio.Url(), nullptr));
     ExpectNothingReturned();
     EXPECT_EQ(Releases(), GetParam().releases);
 }

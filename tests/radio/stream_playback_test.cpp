@@ -1,9 +1,9 @@
-// A connection from its start to its end: reports, start buffer, queue, pause, position and tap.
+// A connection from its start to its end: reports, start buffer, queue, position and tap.
 #include "radio.h"
+#include "replaced_answers.h"
 
 #include <atomic>
 #include <cmath>
-#include <functional>
 #include <memory>
 #include <stdexcept>
 
@@ -18,10 +18,9 @@ namespace
 constexpr double kStartBuffer = 0.7; // seconds that are queued before anything is heard
 constexpr double kQueueLimit = 2.0;  // seconds above which the worker waits
 constexpr double kPoll = 0.010;
-constexpr double kBlockSeconds = kBlock / kRate;
 
-// How many blocks it takes to reach the start buffer.
-const auto kStartBlocks = static_cast<size_t>(std::ceil(kStartBuffer / kBlockSeconds));
+static_assert(kStartBlocks * kBlockSeconds >= kStartBuffer &&
+              (kStartBlocks - 1) * kBlockSeconds < kStartBuffer);
 
 class StreamPlayback : public Radio
 {
@@ -29,40 +28,16 @@ protected:
     StreamPlayback() { ForgetReleases(); }
     ~StreamPlayback() override { VirtualDevice::FailInit(false); }
 
-    // A stream of this length, and nothing but failures after it.
-    void PlayWav(double seconds)
+    // What the device is to be given where one block was lost, counted from 0.
+    static std::vector<float> WavSoundWithout(size_t block, double seconds)
     {
-        server = std::make_unique<ScriptedServer>(
-            std::vector<Script>{Whole(WavBytes(Seconds(seconds))), NotFound()});
-        Play(server->Url());
+        std::vector<float> sound = WavSound(Seconds(seconds));
+        const auto gap = sound.begin() + static_cast<ptrdiff_t>(block * kBlock * 2);
+        sound.erase(gap, gap + kBlock * 2);
+        return sound;
     }
 
     double Queued() const { return VirtualDevice::Sinks().back()->QueuedSeconds(); }
-
-    // Calls this from the tap in one block, counted from 1.
-    void InBlock(int block, std::function<void()> act)
-    {
-        player.SetAudioPCMCallback(
-            [left = std::make_shared<int>(block), act = std::move(act)](const float*, int, int, int,
-                                                                        long)
-            {
-                if (--*left == 0)
-                    act();
-            });
-    }
-
-    void PauseInBlock(size_t block)
-    {
-        InBlock(static_cast<int>(block),
-                [this]
-                {
-                    while (!player.IsPlaying())
-                        std::this_thread::yield();
-                    player.SetPaused(true);
-                });
-    }
-
-    std::unique_ptr<ScriptedServer> server;
 };
 
 } // namespace
@@ -305,66 +280,6 @@ TEST_F(StreamPlayback, EmptyQueueIsNoReasonToBufferAgain)
                                                     "SetActive 0", "Clear", "Destroy", "delete"));
 }
 
-// --- Pause
-
-TEST_F(StreamPlayback, PauseKeepsTheQueue)
-{
-    PlayWav(6.0);
-    VirtualTime::Step(0.5);
-    player.SetPaused(true);
-    const size_t pushes = Pushes();
-    const size_t heard = VirtualDevice::Last().heard.size();
-    VirtualTime::Step(5.0);
-    EXPECT_EQ(Pushes(), pushes);
-    EXPECT_EQ(VirtualDevice::Last().heard.size(), heard);
-}
-
-TEST_F(StreamPlayback, PauseLetsOneFrameThroughAtMost)
-{
-    PauseInBlock(kStartBlocks + 20);
-    PlayWav(1.5);
-    EXPECT_EQ(Pushes(), kStartBlocks + 20); // the block that was in hand
-    VirtualTime::Step(5.0);
-    EXPECT_EQ(Pushes(), kStartBlocks + 20);
-    EXPECT_FALSE(VirtualDevice::Last().bActive);
-}
-
-TEST_F(StreamPlayback, PauseIsPolledEveryTwentyMilliseconds)
-{
-    PauseInBlock(kStartBlocks + 20);
-    PlayWav(1.5);
-    VirtualTime::Step(1.0);
-    player.SetPaused(false);
-    VirtualTime::Step(0.019);
-    EXPECT_EQ(Pushes(), kStartBlocks + 20);
-    VirtualTime::Step(0.001);
-    EXPECT_GT(Pushes(), kStartBlocks + 20);
-}
-
-TEST_F(StreamPlayback, ResumeGoesOnWithoutALostFrame)
-{
-    PlayWav(6.0);
-    VirtualTime::Step(0.5);
-    player.SetPaused(true);
-    VirtualTime::Step(3.0);
-    player.SetPaused(false);
-    VirtualTime::Step(1.5);
-    EXPECT_TRUE(VirtualDevice::Last().bActive);
-    const std::vector<float> heard = VirtualDevice::Last().heard;
-    const std::vector<float> sound = WavSound(Seconds(6.0));
-    EXPECT_EQ(heard.size(), 2 * Seconds(2.0));
-    EXPECT_TRUE(std::equal(heard.begin(), heard.end(), sound.begin()));
-}
-
-TEST_F(StreamPlayback, NothingIsReportedWhilePaused)
-{
-    PlayWav(4.0);
-    player.SetPaused(true);
-    const size_t before = Lines().size();
-    VirtualTime::Step(5.0);
-    EXPECT_THAT(Lines(), SizeIs(before));
-}
-
 // --- Position
 
 TEST_F(StreamPlayback, PositionIsZeroWithUnknownDuration)
@@ -534,12 +449,32 @@ TEST_F(StreamPlayback, RefusedPacketIsDroppedWithoutAWord)
     const FailingCall failing("avcodec_send_packet", AVERROR_INVALIDDATA, 10);
     PlayWav(1.2);
     EXPECT_TRUE(failing.Happened());
-    std::vector<float> expected = WavSound(Seconds(1.2));
-    const auto gap = expected.begin() + 10 * kBlock * 2;
-    expected.erase(gap, gap + kBlock * 2);
-    EXPECT_EQ(VirtualDevice::Last().pushed, expected);
+    EXPECT_EQ(VirtualDevice::Last().pushed, WavSoundWithout(10, 1.2));
     EXPECT_EQ(player.LastError(), "");
 }
+
+namespace
+{
+
+class StreamConversion : public StreamPlayback, public testing::WithParamInterface<int>
+{
+};
+
+} // namespace
+
+TEST_P(StreamConversion, WithoutSoundCostsOneFrameAndNoWord)
+{
+    const ConversionAnswer answer(GetParam(), 10);
+    PlayWav(1.2);
+    EXPECT_TRUE(answer.Happened());
+    EXPECT_EQ(VirtualDevice::Last().pushed, WavSoundWithout(10, 1.2));
+    EXPECT_THAT(Lines(), ElementsAre("Connecting 0", "Buffering 0", "Playing 0", "Playing 0",
+                                     "Reconnecting 1 retry 1/300: " + kEnd));
+    EXPECT_EQ(player.LastError(), "");
+}
+
+INSTANTIATE_TEST_SUITE_P(Answers, StreamConversion,
+                         testing::Values(0, AVERROR(EINVAL), AVERROR(ENOMEM)));
 
 TEST_F(StreamPlayback, DecodeErrorEndsAsAStopWithItsText)
 {
@@ -626,21 +561,12 @@ INSTANTIATE_TEST_SUITE_P(Buffers, StreamPlaybackAllocation,
                          testing::Values("av_frame_alloc", "av_packet_alloc"),
                          [](const auto& function) { return std::string(function.param); });
 
-// The worker is held at the sink's tear-down, and the stop that led there taken back meanwhile.
+// Streams that end at once, every time, with errors that FFmpeg has no text for.
 TEST_F(StreamPlayback, EndWithoutAReasonSaysThatTheStreamEnded)
 {
-    PlayWav(30.0);
-    for (int i = 0; i < 100 && !player.HasFinished(); ++i)
-    {
-        {
-            const std::lock_guard lock(access.AudioOutputMutex());
-            access.StopRequested() = true;
-            VirtualTime::SetFreeRunning(true);
-            std::this_thread::sleep_for(std::chrono::milliseconds(20)); // usually long enough
-            access.StopRequested() = false;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    ASSERT_TRUE(Eventually([&] { return player.HasFinished(); }));
-    EXPECT_EQ(Lines().back(), "Error 0 Radio stream ended.");
+    const NoErrorTexts noTexts;
+    PlayScripts({Whole(WavBytes(kBlock))});
+    RunToEnd();
+    EXPECT_EQ(Lines().back(), "Error 300 Radio stream ended.");
+    EXPECT_EQ(player.LastError(), "");
 }

@@ -1,7 +1,7 @@
 // Titles while a stream plays: the server's own in the stream, and those of Ogg's tags.
 #include "radio.h"
 
-#include <memory>
+#include <algorithm>
 
 using testing::ElementsAre;
 using testing::IsEmpty;
@@ -30,9 +30,7 @@ protected:
 
     void PlayBytes(const std::string& bytes, const std::vector<std::string>& headers = {})
     {
-        server = std::make_unique<ScriptedServer>(
-            std::vector<Script>{Whole(bytes, headers), NotFound()});
-        Play(server->Url());
+        PlayScripts({Whole(bytes, headers), NotFound()});
         ASSERT_TRUE(StepToRetry(1));
     }
 
@@ -41,8 +39,6 @@ protected:
     {
         EXPECT_EQ(VirtualDevice::Last().pushed, WavSound(Seconds(seconds)));
     }
-
-    std::unique_ptr<ScriptedServer> server;
 };
 
 const std::string kNone(1, '\0'); // an empty block
@@ -288,4 +284,23 @@ TEST_F(Titles, Mp3ThatChangesItsRateKeepsItsPitch)
     const std::vector<float> pushed = VirtualDevice::Last().pushed;
     EXPECT_NEAR(static_cast<double>(pushed.size()) / 2 / kRate, 2.0, 0.2);
     EXPECT_NEAR(static_cast<double>(Periods(pushed)), 2000.0, 30.0);
+}
+
+// No resampler for the first frame of the other kind: the next one tries again.
+TEST_F(Titles, FrameThatNoResamplerFitsIsSkipped)
+{
+    const std::string changing = Mp3("-ac 2", "stereo.mp3") + Mp3("-ac 1", "mono.mp3");
+    PlayBytes(changing);
+    const VirtualSink whole = VirtualDevice::Last();
+    Stop();
+    const FailingCall failing("swr_init", AVERROR(ENOMEM), 1);
+    PlayBytes(changing);
+    EXPECT_TRUE(failing.Happened());
+    const VirtualSink skipping = VirtualDevice::Last();
+    const auto border = std::mismatch(skipping.pushed.begin(), skipping.pushed.end(),
+                                      whole.pushed.begin(), whole.pushed.end());
+    EXPECT_EQ(skipping.pushedFrames.size(), whole.pushedFrames.size() - 1);
+    EXPECT_TRUE(std::equal(border.first, skipping.pushed.end(), border.second + 1152 * 2,
+                           whole.pushed.end()));
+    EXPECT_EQ(player.LastError(), "");
 }
