@@ -1230,7 +1230,7 @@ int InterruptIfStopped(void* opaque)
 // FFmpeg keeps the content type to its I/O layer: it goes where the stream's description is read.
 void PublishContentType(AVFormatContext* Format)
 {
-    if (!Format->pb || !MetadataValueAny(Format->metadata, kContentTypeKeys).empty())
+    if (Format->pb == nullptr || !MetadataValueAny(Format->metadata, kContentTypeKeys).empty())
         return;
     uint8_t* mimeType = nullptr;
     if (av_opt_get(Format->pb, "mime_type", AV_OPT_SEARCH_CHILDREN, &mimeType) < 0 || !mimeType)
@@ -1308,7 +1308,7 @@ public:
     {
         AVStream* stream = Format->streams[StreamIndex];
         const bool bNewTags =
-            bFirst || (stream->event_flags & AVSTREAM_EVENT_FLAG_METADATA_UPDATED);
+            bFirst || (stream->event_flags & AVSTREAM_EVENT_FLAG_METADATA_UPDATED) != 0;
         bFirst = false;
         stream->event_flags &= ~AVSTREAM_EVENT_FLAG_METADATA_UPDATED;
         if (!bNewTags || MetadataValue(Format->metadata, "StreamTitle") != published)

@@ -1,5 +1,8 @@
 # shellcheck shell=bash
 # The cases of program_test.sh that play streams and playlists.
+#
+# SC2154: what seems to be unset is set there. SC2016: the dollars in quotes are Perl's.
+# shellcheck disable=SC2154,SC2016
 
 # ---- Servers ----------------------------------------------------------------------------------
 

@@ -153,7 +153,7 @@ TEST_F(PausingRadio, PauseWhileConnectingIsKept)
 {
     std::atomic<bool> bAnswer = false;
     ScriptedServer radio(
-        {Script{WaitUntil([&] { return bAnswer.load(); })} + Whole(WavBytes(Seconds(4.0)))});
+        {Script{SilenceUntil([&] { return bAnswer.load(); })} + Whole(WavBytes(Seconds(4.0)))});
     Start(radio.Url());
     player.SetPaused(true);
     bAnswer = true;

@@ -176,7 +176,7 @@ Step SendPaced(const std::string& bytes, size_t bytesPerSecond)
     };
 }
 
-Step WaitUntil(const std::function<bool()>& bDone)
+Step SilenceUntil(const std::function<bool()>& bDone)
 {
     return [bDone](Connection& connection)
     {

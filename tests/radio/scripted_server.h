@@ -68,7 +68,7 @@ using Script = std::vector<Step>;
 Step Reply(const std::string& status, const std::vector<std::string>& headers = {});
 Step Send(const std::string& bytes);
 Step SendPaced(const std::string& bytes, size_t bytesPerSecond);
-Step WaitUntil(const std::function<bool()>& bDone);
+Step SilenceUntil(const std::function<bool()>& bDone);
 Step Stall();
 Step Reset();
 Step StopListening();
