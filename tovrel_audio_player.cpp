@@ -844,6 +844,46 @@ int ConvertFrame(const AVFrame& frame, SwrContext* Swr, int outRate, int outChan
                        const_cast<const uint8_t**>(frame.extended_data), frame.nb_samples);
 }
 
+// What is said of each step that can fail once a source is open. Where FFmpeg's own words follow, a
+// text ends in ": ".
+struct DecoderTexts
+{
+    const char* readInfo;
+    const char* noAudio;
+    const char* noDecoder;
+    const char* allocate;
+    const char* configure;
+    const char* open;
+};
+
+// Finds the audio stream of an open source and opens a decoder for it. Returns what went wrong, or
+// an empty text; the codec context is the caller's to free in both cases.
+std::string OpenAudioStream(AVFormatContext* Format, const DecoderTexts& Texts,
+                            AVCodecContext** OutCodec, int* OutStreamIndex)
+{
+    int rc = avformat_find_stream_info(Format, nullptr);
+    if (rc < 0)
+        return Texts.readInfo + AvErrorText(rc);
+    const int streamIndex = av_find_best_stream(Format, AVMEDIA_TYPE_AUDIO, -1, -1, nullptr, 0);
+    if (streamIndex < 0)
+        return Texts.noAudio;
+    const AVCodecParameters* parameters = Format->streams[streamIndex]->codecpar;
+    const AVCodec* decoder = avcodec_find_decoder(parameters->codec_id);
+    if (!decoder)
+        return Texts.noDecoder;
+    *OutCodec = avcodec_alloc_context3(decoder);
+    if (!*OutCodec)
+        return Texts.allocate;
+    rc = avcodec_parameters_to_context(*OutCodec, parameters);
+    if (rc < 0)
+        return Texts.configure + AvErrorText(rc);
+    rc = avcodec_open2(*OutCodec, decoder, nullptr);
+    if (rc < 0)
+        return Texts.open + AvErrorText(rc);
+    *OutStreamIndex = streamIndex;
+    return "";
+}
+
 } // namespace
 
 bool TovrelAudioPlayer::OpenDecoder(const std::string& Path, TovrelAudioCachedFileInput* Cache,
@@ -869,31 +909,22 @@ bool TovrelAudioPlayer::OpenDecoder(const std::string& Path, TovrelAudioCachedFi
         format->pb = Cache->Avio;
     }
     // From memory the path still serves as a name: its extension helps to guess the format.
-    int rc = avformat_open_input(&format, Path.c_str(), nullptr, nullptr);
+    const int rc = avformat_open_input(&format, Path.c_str(), nullptr, nullptr);
     if (rc < 0) // which has freed the context already
         return fail("Failed to open audio file: " + AvErrorText(rc));
-    rc = avformat_find_stream_info(format, nullptr);
-    if (rc < 0)
-        return fail("Failed to read audio stream info: " + AvErrorText(rc));
-    const int streamIndex = av_find_best_stream(format, AVMEDIA_TYPE_AUDIO, -1, -1, nullptr, 0);
-    if (streamIndex < 0)
-        return fail("No audio stream found.");
-    const AVStream* stream = format->streams[streamIndex];
-    const AVCodec* codec = avcodec_find_decoder(stream->codecpar->codec_id);
-    if (!codec)
-        return fail("No decoder available for this audio stream.");
-    codecContext = avcodec_alloc_context3(codec);
-    if (!codecContext)
-        return fail("Failed to allocate audio decoder.");
-    rc = avcodec_parameters_to_context(codecContext, stream->codecpar);
-    if (rc < 0)
-        return fail("Failed to configure audio decoder: " + AvErrorText(rc));
-    rc = avcodec_open2(codecContext, codec, nullptr);
-    if (rc < 0)
-        return fail("Failed to open audio decoder: " + AvErrorText(rc));
+    static constexpr DecoderTexts kTexts{
+        .readInfo = "Failed to read audio stream info: ",
+        .noAudio = "No audio stream found.",
+        .noDecoder = "No decoder available for this audio stream.",
+        .allocate = "Failed to allocate audio decoder.",
+        .configure = "Failed to configure audio decoder: ",
+        .open = "Failed to open audio decoder: ",
+    };
+    const std::string error = OpenAudioStream(format, kTexts, &codecContext, OutStreamIndex);
+    if (!error.empty())
+        return fail(error);
     *OutFormat = format;
     *OutCodec = codecContext;
-    *OutStreamIndex = streamIndex;
     return true;
 }
 
@@ -1262,34 +1293,25 @@ bool TovrelAudioPlayer::OpenStreamDecoder(const std::string& Url, AVFormatContex
     AVDictionary* options = nullptr;
     for (const auto& [key, value] : kRadioOptions)
         av_dict_set(&options, key, value, 0);
-    int rc = avformat_open_input(&format, Url.c_str(), nullptr, &options);
+    const int rc = avformat_open_input(&format, Url.c_str(), nullptr, &options);
     av_dict_free(&options); // with what this build of FFmpeg did not want
     if (rc < 0)             // which has freed the context already
         return fail(StopRequested ? "Radio stream open cancelled."
                                   : "Failed to open radio stream: " + AvErrorText(rc));
-    rc = avformat_find_stream_info(format, nullptr);
-    if (rc < 0)
-        return fail("Failed to read radio stream info: " + AvErrorText(rc));
-    const int streamIndex = av_find_best_stream(format, AVMEDIA_TYPE_AUDIO, -1, -1, nullptr, 0);
-    if (streamIndex < 0)
-        return fail("No audio stream found in radio source.");
-    const AVCodecParameters* parameters = format->streams[streamIndex]->codecpar;
-    const AVCodec* decoder = avcodec_find_decoder(parameters->codec_id);
-    if (!decoder)
-        return fail("No decoder available for this radio stream.");
-    codecContext = avcodec_alloc_context3(decoder);
-    if (!codecContext)
-        return fail("Failed to allocate radio audio decoder.");
-    rc = avcodec_parameters_to_context(codecContext, parameters);
-    if (rc < 0)
-        return fail("Failed to configure radio decoder: " + AvErrorText(rc));
-    rc = avcodec_open2(codecContext, decoder, nullptr);
-    if (rc < 0)
-        return fail("Failed to open radio decoder: " + AvErrorText(rc));
+    static constexpr DecoderTexts kTexts{
+        .readInfo = "Failed to read radio stream info: ",
+        .noAudio = "No audio stream found in radio source.",
+        .noDecoder = "No decoder available for this radio stream.",
+        .allocate = "Failed to allocate radio audio decoder.",
+        .configure = "Failed to configure radio decoder: ",
+        .open = "Failed to open radio decoder: ",
+    };
+    const std::string error = OpenAudioStream(format, kTexts, &codecContext, OutStreamIndex);
+    if (!error.empty())
+        return fail(error);
     PublishContentType(format);
     *OutFormat = format;
     *OutCodec = codecContext;
-    *OutStreamIndex = streamIndex;
     return true;
 }
 
@@ -1438,8 +1460,6 @@ void TovrelAudioPlayer::StreamThreadMain(std::string Url, StreamStatusCallback C
             FillStreamInfo(streamInfo, chain.format, chain.codec);
         };
         refreshInfo();
-        streamInfo.ReconnectAttempt = reconnectAttempt;
-        streamInfo.MaxReconnectAttempts = kMaxReconnectAttempts;
 
         // A live stream has no length, and every connection counts from 0 again.
         DurationSec = 0.0;
@@ -1579,7 +1599,6 @@ void TovrelAudioPlayer::StreamThreadMain(std::string Url, StreamStatusCallback C
         if (++reconnectAttempt > kMaxReconnectAttempts)
             break;
         streamInfo.ReconnectAttempt = reconnectAttempt;
-        streamInfo.MaxReconnectAttempts = kMaxReconnectAttempts;
         report(StreamState::Reconnecting, "retry " + std::to_string(reconnectAttempt) + "/" +
                                               std::to_string(kMaxReconnectAttempts) + ": " +
                                               lastError);

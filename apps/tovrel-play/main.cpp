@@ -36,10 +36,9 @@ constexpr double kSeekStepSeconds = 5.0;
 constexpr double kVolumeStep = 0.05;
 constexpr double kPanStep = 0.1;
 constexpr double kCutShortSeconds = 1.0; // what headers may promise too much without being wrong
-constexpr std::chrono::seconds kLengthWait{1}; // for a length, before --start gives up silence
-constexpr std::chrono::milliseconds kStopWait{
-    500};                            // for a thread that a file or host keeps waiting
-constexpr int kMaxPlaylistDepth = 8; // of playlists that name playlists
+constexpr std::chrono::seconds kLengthWait{1};      // for a length, before --start gives up silence
+constexpr std::chrono::milliseconds kStopWait{500}; // for a thread that somebody keeps waiting
+constexpr int kMaxPlaylistDepth = 8;                // of playlists that name playlists
 constexpr std::chrono::milliseconds kPauseTime{50}; // until the sound graph knows of a pause
 
 constexpr int kAllPlayed = 0;

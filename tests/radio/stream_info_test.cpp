@@ -247,18 +247,22 @@ TEST_F(Description, TimeIsLocal)
 {
     setenv("TZ", "TST-5:17", 1); // 5 hours 17 minutes east of Greenwich
     tzset();
+    const auto shifted = []
+    {
+        const std::time_t east = std::time(nullptr) + (5 * 60 + 17) * 60;
+        std::tm utc{};
+        gmtime_r(&east, &utc);
+        char text[16] = {};
+        std::strftime(text, sizeof text, "%H:%M:%S", &utc);
+        return std::string(text);
+    };
+    const std::string before = shifted();
     Tag("StreamTitle", "A");
-    const std::time_t shifted = std::time(nullptr) + (5 * 60 + 17) * 60;
     Fill();
-    std::tm utc{};
-    gmtime_r(&shifted, &utc);
-    char expected[8] = {};
-    std::strftime(expected, sizeof expected, "%H:%M:", &utc);
+    const std::string after = shifted();
     unsetenv("TZ");
     tzset();
-    if (utc.tm_sec >= 58)
-        GTEST_SKIP() << "the minute may have changed in between";
-    EXPECT_EQ(info.LastMetadataTime.substr(0, 6), expected);
+    EXPECT_THAT(info.LastMetadataTime, AnyOf(before, after));
 }
 
 TEST_F(Description, LowerCaseTitleKeyServesToo)
