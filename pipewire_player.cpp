@@ -6,10 +6,13 @@
 #include <algorithm>
 #include <array>
 #include <chrono>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <dlfcn.h>
 #include <new>
+#include <pthread.h>
 
 namespace
 {
@@ -22,7 +25,22 @@ constexpr int kMaxChannels = 64;       // as many as PipeWire's formats name
 constexpr int64_t kMaxSamplesPerSecond = int64_t{kMaxSampleRate} * kMaxChannels / 2;
 
 constexpr int64_t kConnectTimeoutNs = 2000000000;
+constexpr int kFirstRetryMs = 100; // after a connection broke; each failure doubles it
+constexpr int kLongestRetryMs = 2000;
+constexpr int64_t kStallNs = 1000000000; // this long, and this many cycles, without a callback
+constexpr int64_t kStallCycles = 4;
 constexpr int64_t kNsPerSecond = 1000000000;
+constexpr int64_t kNsPerMs = 1000000;
+
+// The session managers of PipeWire 1 link the channels of a stream one by one. A stream that played
+// at once would play its first cycle to some of them only, so it waits from its first cycle on.
+constexpr int64_t kLinkingNs = 5000000;
+constexpr int64_t kNotLinked = INT64_MAX;
+
+// What desktops show of the stream and tell it by.
+constexpr const char* kApplicationName = "Tovrel";
+constexpr const char* kApplicationId = "tovrel";
+constexpr const char* kIconName = "audio-x-generic";
 
 // The room that the queue starts with: enough for files and PCM buffers but for blocks of unusual
 // length, which make the ring grow.
@@ -31,9 +49,11 @@ constexpr double kReservedSeconds = 0.75;
 // What callers treat as played out (0.02 s), and the least that is reported before it is true.
 constexpr double kUnpresentedFloorSeconds = 0.0201;
 
-// As much of what is in flight counts for the callers, who stop pushing at 0.35 s or more: a device
-// with more latency than that must not keep the queue empty.
-constexpr double kMaxCountedInFlightSeconds = 0.1;
+// Callers stop pushing at 0.35 s or more: a device with that much latency must not keep the queue
+// empty. What is in flight counts in full up to that sum, and in any case as much as most devices
+// have of it, which leaves a queue of 0.25 s: longer than the longest usual cycle (8192 frames).
+constexpr double kLeastQueueLimitSeconds = 0.35;
+constexpr double kAlwaysCountedSeconds = 0.1;
 
 int64_t MonotonicNs() noexcept
 {
@@ -87,19 +107,66 @@ private:
     pw_thread_loop* loop_;
 };
 
-// Before 1.4 a client's data thread gets real-time priority only from this configuration, which
-// later versions no longer have.
-bool NeedsRealTimeConfiguration()
+// Whether the library that was loaded, not the one that was compiled with, is at least this new.
+bool HasLibrary(int major, int minor)
 {
-    int major = 0;
-    int minor = 0;
-    return std::sscanf(pw_get_library_version(), "%d.%d", &major, &minor) == 2 &&
-           (major < 1 || (major == 1 && minor < 4));
+    int loadedMajor = 0;
+    int loadedMinor = 0;
+    return std::sscanf(pw_get_library_version(), "%d.%d", &loadedMajor, &loadedMinor) == 2 &&
+           (loadedMajor > major || (loadedMajor == major && loadedMinor >= minor));
+}
+
+pw_properties* ApplicationProperties(const char* configuration)
+{
+    return pw_properties_new(PW_KEY_CONFIG_NAME, configuration, PW_KEY_APP_NAME, kApplicationName,
+                             PW_KEY_APP_ID, kApplicationId, PW_KEY_APP_ICON_NAME, kIconName,
+                             nullptr);
+}
+
+// The context carries what the connection says of the application. Before 1.4 a client's data
+// thread gets real-time priority only from a configuration that later versions no longer have;
+// without it ordinary priority does.
+pw_context* NewContext(pw_loop* loop)
+{
+    pw_context* context = nullptr;
+    if (!HasLibrary(1, 4))
+        context = pw_context_new(loop, ApplicationProperties("client-rt.conf"), 0);
+    if (!context)
+        context = pw_context_new(loop, ApplicationProperties("client.conf"), 0);
+    // Real-time priority may have to be asked for over D-Bus, whose library is unloaded with the
+    // context and forgets what it has allocated: some kilobytes each time, unless it stays.
+    (void)dlopen("libdbus-1.so.3", RTLD_LAZY | RTLD_NOLOAD | RTLD_NODELETE);
+    return context;
+}
+
+// No media.role: session managers keep one volume for all applications of a role. The node's rate
+// lets the graph follow the stream where its devices can. Null where there is no memory.
+pw_properties* StreamProperties(int sampleRate)
+{
+    pw_properties* properties =
+        pw_properties_new(PW_KEY_MEDIA_TYPE, "Audio", PW_KEY_MEDIA_CATEGORY, "Playback",
+                          PW_KEY_MEDIA_NAME, "Tovrel playback", PW_KEY_NODE_NAME, "tovrel",
+                          PW_KEY_NODE_DESCRIPTION, "Tovrel", PW_KEY_APP_NAME, kApplicationName,
+                          PW_KEY_APP_ID, kApplicationId, PW_KEY_APP_ICON_NAME, kIconName, nullptr);
+    if (properties)
+        pw_properties_setf(properties, PW_KEY_NODE_RATE, "1/%d", sampleRate);
+    return properties;
 }
 
 } // namespace
 
-PipeWirePlayer::PipeWirePlayer() = default;
+// A worker that loses its processor while it holds the mutex would keep PipeWire's thread waiting
+// for whole cycles. With priority inheritance it is run at once instead.
+PipeWirePlayer::PipeWirePlayer()
+{
+    pthread_mutexattr_t attributes;
+    if (pthread_mutexattr_init(&attributes) != 0)
+        return;
+    pthread_mutexattr_setprotocol(&attributes, PTHREAD_PRIO_INHERIT);
+    pthread_mutex_destroy(m_audioMutex.native_handle());
+    pthread_mutex_init(m_audioMutex.native_handle(), &attributes);
+    pthread_mutexattr_destroy(&attributes);
+}
 
 PipeWirePlayer::~PipeWirePlayer()
 {
@@ -115,23 +182,29 @@ bool PipeWirePlayer::Init(int sampleRate, int channels)
     m_sampleRate = sampleRate;
     m_channels = channels;
     m_bytesPerFrame = static_cast<size_t>(channels) * sizeof(float);
+    bool bOpened = false;
     try
     {
         ReserveRoom(static_cast<size_t>(sampleRate * kReservedSeconds) * m_bytesPerFrame);
-        m_initialized = Connect() && AwaitConnected();
+        m_streamListener = new spa_hook{};
+        m_coreListener = new spa_hook{};
+        bOpened = Open();
     }
     catch (const std::bad_alloc&)
     {
         // As with any other failure, nothing is left behind.
     }
-    if (!m_initialized)
+    if (!bOpened)
         Destroy();
-    return m_initialized;
+    return bOpened;
 }
 
-// From nothing to a stream that is on its way to the daemon. What it made before it failed is left
-// to Destroy.
-bool PipeWirePlayer::Connect()
+// The connection
+
+// Starts the loop and waits until the daemon has taken the stream in: it is paused then, as it is
+// connected inactive, and stays so where there is no device to play to yet. What was made before
+// something failed is left to Destroy.
+bool PipeWirePlayer::Open()
 {
     static const bool bLibraryStarted = []
     {
@@ -143,41 +216,69 @@ bool PipeWirePlayer::Connect()
     m_loop = pw_thread_loop_new("tovrel-audio", nullptr);
     if (!m_loop)
         return false;
-    pw_properties* contextProperties = nullptr;
-    if (NeedsRealTimeConfiguration())
-        contextProperties = pw_properties_new(PW_KEY_CONFIG_NAME, "client-rt.conf", nullptr);
-    m_context = pw_context_new(pw_thread_loop_get_loop(m_loop), contextProperties, 0);
-    if (!m_context)
-        return false;
-    m_core = pw_context_connect(m_context, nullptr, 0);
-    if (!m_core || pw_thread_loop_start(m_loop) < 0)
+    m_context = NewContext(pw_thread_loop_get_loop(m_loop));
+    m_timer = pw_loop_add_timer(
+        pw_thread_loop_get_loop(m_loop),
+        [](void* userdata, uint64_t) { static_cast<PipeWirePlayer*>(userdata)->OnTimer(); }, this);
+    if (!m_context || !m_timer || pw_thread_loop_start(m_loop) < 0)
         return false;
 
     const LoopLock lock(m_loop);
-    // No media.role: session managers keep one volume for all applications of a role.
-    pw_properties* properties =
-        pw_properties_new(PW_KEY_MEDIA_TYPE, "Audio", PW_KEY_MEDIA_CATEGORY, "Playback",
-                          PW_KEY_NODE_NAME, "tovrel", PW_KEY_NODE_DESCRIPTION, "Tovrel", nullptr);
-    if (!properties)
+    timespec deadline{};
+    pw_thread_loop_get_time(m_loop, &deadline, kConnectTimeoutNs);
+    if (!Connect())
         return false;
-    pw_properties_setf(properties, PW_KEY_NODE_RATE, "1/%d", m_sampleRate);
-    m_stream = pw_stream_new(m_core, "Tovrel playback", properties);
+    while (pw_stream_get_state(m_stream, nullptr) == PW_STREAM_STATE_CONNECTING && !m_broken)
+    {
+        if (pw_thread_loop_timed_wait_full(m_loop, &deadline) < 0)
+            return false;
+    }
+    m_initialized = !m_broken;
+    return m_initialized;
+}
+
+// From a context to a stream that is on its way to the daemon, with the loop's lock held.
+bool PipeWirePlayer::Connect() noexcept
+{
+    m_broken = true; // until it is whole
+    {
+        const std::lock_guard lock(m_audioMutex);
+        m_linkedByNs = HasLibrary(1, 0) ? kNotLinked : 0;
+    }
+    m_core = pw_context_connect(m_context, nullptr, 0);
+    if (!m_core)
+        return false;
+    static const pw_core_events kCoreEvents = []
+    {
+        pw_core_events events{};
+        events.version = PW_VERSION_CORE_EVENTS;
+        events.error = [](void* userdata, uint32_t id, int, int, const char*)
+        {
+            if (id == PW_ID_CORE) // the connection itself
+                static_cast<PipeWirePlayer*>(userdata)->OnBroken();
+        };
+        return events;
+    }();
+    *m_coreListener = {};
+    pw_core_add_listener(m_core, m_coreListener, &kCoreEvents, this);
+
+    pw_properties* properties = StreamProperties(m_sampleRate);
+    m_stream = properties ? pw_stream_new(m_core, "Tovrel playback", properties) : nullptr;
     if (!m_stream)
         return false;
-
-    static const pw_stream_events kEvents = []
+    static const pw_stream_events kStreamEvents = []
     {
         pw_stream_events events{};
         events.version = PW_VERSION_STREAM_EVENTS;
         events.state_changed = [](void* userdata, pw_stream_state, pw_stream_state, const char*)
         {
-            pw_thread_loop_signal(static_cast<PipeWirePlayer*>(userdata)->m_loop, false);
+            static_cast<PipeWirePlayer*>(userdata)->OnStateChanged();
         };
         events.process = OnProcess;
         return events;
     }();
-    m_streamListener = new spa_hook{};
-    pw_stream_add_listener(m_stream, m_streamListener, &kEvents, this);
+    *m_streamListener = {};
+    pw_stream_add_listener(m_stream, m_streamListener, &kStreamEvents, this);
 
     spa_audio_info_raw info{};
     info.format = SPA_AUDIO_FORMAT_F32;
@@ -188,104 +289,215 @@ bool PipeWirePlayer::Connect()
     spa_pod_builder builder{};
     spa_pod_builder_init(&builder, podBuffer.data(), podBuffer.size());
     const spa_pod* params[] = {spa_format_audio_raw_build(&builder, SPA_PARAM_EnumFormat, &info)};
-    const auto flags =
-        static_cast<pw_stream_flags>(PW_STREAM_FLAG_AUTOCONNECT | PW_STREAM_FLAG_INACTIVE |
-                                     PW_STREAM_FLAG_MAP_BUFFERS | PW_STREAM_FLAG_RT_PROCESS);
-    return pw_stream_connect(m_stream, PW_DIRECTION_OUTPUT, PW_ID_ANY, flags, params, 1) == 0;
+    const auto flags = static_cast<pw_stream_flags>(
+        PW_STREAM_FLAG_AUTOCONNECT | PW_STREAM_FLAG_MAP_BUFFERS | PW_STREAM_FLAG_RT_PROCESS |
+        (m_active ? 0 : PW_STREAM_FLAG_INACTIVE));
+    m_broken = pw_stream_connect(m_stream, PW_DIRECTION_OUTPUT, PW_ID_ANY, flags, params, 1) != 0;
+    return !m_broken;
 }
 
-// Waits until the daemon has taken the stream in: it is paused then, as it was connected inactive,
-// and stays so where there is no device to play to yet.
-bool PipeWirePlayer::AwaitConnected()
+// Takes down what Connect made, with the loop's lock held or its thread stopped.
+void PipeWirePlayer::Disconnect() noexcept
 {
-    const LoopLock lock(m_loop);
-    timespec deadline{};
-    pw_thread_loop_get_time(m_loop, &deadline, kConnectTimeoutNs);
-    for (;;)
+    m_broken = true; // what the stream tells of its own end is no news
+    if (m_stream)
+        pw_stream_destroy(m_stream); // lets go of its listener
+    m_stream = nullptr;
+    if (!m_core)
+        return;
+    spa_hook_remove(m_coreListener);
+    pw_core_disconnect(m_core);
+    m_core = nullptr;
+}
+
+void PipeWirePlayer::OnStateChanged() noexcept
+{
+    const pw_stream_state state = pw_stream_get_state(m_stream, nullptr);
+    if (state == PW_STREAM_STATE_ERROR || state == PW_STREAM_STATE_UNCONNECTED)
+        OnBroken();
+    else if (state == PW_STREAM_STATE_STREAMING)
+        m_retryWaitMs = kFirstRetryMs;
+    WakeInit();
+}
+
+// The daemon is gone, or has thrown the stream out. Nothing may be destroyed here, within an event
+// of its own.
+void PipeWirePlayer::OnBroken() noexcept
+{
+    if (m_broken)
+        return;
+    m_broken = true;
+    if (m_initialized)
     {
-        switch (pw_stream_get_state(m_stream, nullptr))
-        {
-        case PW_STREAM_STATE_PAUSED:
-        case PW_STREAM_STATE_STREAMING:
-            return true;
-        case PW_STREAM_STATE_ERROR:
-        case PW_STREAM_STATE_UNCONNECTED:
-            return false;
-        case PW_STREAM_STATE_CONNECTING:
-            break;
-        }
-        if (pw_thread_loop_timed_wait_full(m_loop, &deadline) < 0)
-            return false;
+        CountTakenAsHeard();
+        ReconnectLater();
     }
+    WakeInit();
+}
+
+void PipeWirePlayer::WakeInit() noexcept
+{
+    if (!m_initialized)
+        pw_thread_loop_signal(m_loop, false);
+}
+
+void PipeWirePlayer::ReconnectLater() noexcept
+{
+    SetTimer(m_retryWaitMs * kNsPerMs);
+    m_retryWaitMs = std::min(m_retryWaitMs * 2, kLongestRetryMs);
+}
+
+void PipeWirePlayer::SetTimer(int64_t waitNs) noexcept
+{
+    timespec wait{};
+    wait.tv_sec = static_cast<time_t>(waitNs / kNsPerSecond);
+    wait.tv_nsec = static_cast<long>(waitNs % kNsPerSecond);
+    pw_loop_update_timer(pw_thread_loop_get_loop(m_loop), m_timer, &wait, nullptr, false);
+}
+
+// The timer's callback, on the loop's thread: time for another attempt to connect, or to see
+// whether an active stream still runs.
+void PipeWirePlayer::OnTimer() noexcept
+{
+    if (!m_broken)
+    {
+        if (!m_active)
+            return;
+        const int64_t leftNs = StallsInNs();
+        if (leftNs > 0)
+            m_replaced = false;
+        if (leftNs > 0 || m_replaced)
+        {
+            SetTimer(leftNs > 0 ? leftNs : kStallNs);
+            return;
+        }
+        // No device to play to, perhaps, and one may come at any time. Or a session manager that
+        // was restarted: WirePlumber 0.4 leaves the streams alone that its predecessor has linked,
+        // and only takes new ones in hand. So this one is replaced, once: the new one may wait for
+        // a device as long as it takes.
+        m_replaced = true;
+        CountTakenAsHeard();
+    }
+    Disconnect();
+    if (!Connect())
+        ReconnectLater();
+    else if (m_active)
+        SetTimer(kStallNs);
+}
+
+// For how much longer a stream whose process callback is not called passes for a running one.
+int64_t PipeWirePlayer::StallsInNs() const noexcept
+{
+    const std::lock_guard lock(m_audioMutex);
+    return m_cycle.calledNs + std::max(kStallNs, kStallCycles * m_cycle.lengthNs) - MonotonicNs();
 }
 
 void PipeWirePlayer::Destroy()
 {
-    m_initialized = false;
-    if (m_stream)
-    {
-        const LoopLock lock(m_loop);
-        pw_stream_destroy(m_stream); // disconnects it first, and lets go of the listener
-        // With the connection in one go: the loop would read on for a stream that is gone, and
-        // leave open every descriptor that such a message brings.
-        pw_core_disconnect(m_core);
-    }
     if (m_loop)
         pw_thread_loop_stop(m_loop); // never under its own lock
+    m_initialized = false;
+    Disconnect();
+    if (m_timer)
+        pw_loop_destroy_source(pw_thread_loop_get_loop(m_loop), m_timer);
     if (m_context)
-        pw_context_destroy(m_context); // with a connection that never got a stream
+        pw_context_destroy(m_context);
     if (m_loop)
         pw_thread_loop_destroy(m_loop);
     delete m_streamListener;
+    delete m_coreListener;
     m_streamListener = nullptr;
-    m_stream = nullptr;
-    m_core = nullptr;
+    m_coreListener = nullptr;
+    m_timer = nullptr;
     m_context = nullptr;
     m_loop = nullptr;
+    m_retryWaitMs = kFirstRetryMs;
 
     m_audio = {};
     m_readPos = 0;
     m_queuedBytes = 0;
+    m_flushing = false;
     m_takenFrames = 0;
-    m_heardByNs = 0;
-    m_cycleNs = 0;
+    m_runs = {};
+    m_lastRun = 0;
+    m_toldFrames = 0;
+    m_playedOutNs = 0;
+    m_cycle = {};
+    m_linkedByNs = 0;
     m_active = false;
     m_heldSinceNs = 0;
-    m_leadNs = 0;
 }
 
 void PipeWirePlayer::SetActive(bool active)
 {
     if (!m_initialized)
         return;
+    const LoopLock lock(m_loop); // throughout, so that the stream and m_active never differ
     {
-        const LoopLock lock(m_loop);
-        pw_stream_set_active(m_stream, active);
+        const std::lock_guard audioLock(m_audioMutex);
+        if (active == m_active)
+            return;
+        const int64_t now = MonotonicNs();
+        // What the stream's resampler holds back waits with the stream: it has not played out.
+        if (active)
+            m_playedOutNs += now - m_heldSinceNs;
+        else
+            m_heldSinceNs = now;
+        m_active = active;
     }
-    // What is in flight waits with the stream, so that no material runs out while it is held.
-    const std::lock_guard lock(m_audioMutex);
-    if (active == m_active)
+    if (!m_stream)
         return;
-    const int64_t now = MonotonicNs();
-    if (active)
-        m_heardByNs += now - m_heldSinceNs;
-    else
-        m_heldSinceNs = now;
-    m_active = active;
+    pw_stream_set_active(m_stream, active);
+    m_replaced = false;
+    if (active && !m_broken)
+        SetTimer(kStallNs);
 }
 
 // The queue
 
 void PipeWirePlayer::Clear()
 {
+    if (!m_initialized)
+        return;
+    {
+        const std::lock_guard lock(m_audioMutex);
+        // The place where the next byte goes stays where it is: a push may be under way.
+        m_readPos = (m_readPos + m_queuedBytes) % m_audio.size();
+        m_queuedBytes = 0;
+        // Only a resampler holds anything between two cycles.
+        if (m_cycle.bufferedFrames == 0)
+            return;
+        ForgetBuffered();
+        m_flushing = true; // what is pushed now shall not go the same way
+    }
+    {
+        const LoopLock lock(m_loop);
+        if (!m_broken)
+            Flush();
+    }
     const std::lock_guard lock(m_audioMutex);
-    m_readPos = 0;
-    m_queuedBytes = 0;
+    m_flushing = false;
+}
+
+// A flush resets the resampler, which belongs to the data thread: it is made there, between two
+// cycles, while this thread holds the loop's lock in its place for the events that it causes.
+void PipeWirePlayer::Flush() noexcept
+{
+    const auto flush = [](spa_loop*, bool, uint32_t, const void*, size_t, void* stream)
+    {
+        return pw_stream_flush(static_cast<pw_stream*>(stream), false);
+    };
+#if PW_CHECK_VERSION(1, 1, 0)
+    pw_loop* dataLoop = pw_stream_get_data_loop(m_stream);
+#else
+    pw_loop* dataLoop = pw_data_loop_get_loop(pw_context_get_data_loop(m_context));
+#endif
+    pw_loop_invoke(dataLoop, flush, 0, nullptr, 0, true, m_stream);
 }
 
 // Makes the ring large enough for `size` more bytes. Only the pushing thread adds bytes, so the
-// queued ones can be copied unlocked while PipeWire takes some of them: it only moves the read
-// position, which the swap at the end makes up for.
+// queued ones can be copied unlocked while PipeWire takes some of them, or Clear all: they only
+// move the read position, which the swap at the end makes up for.
 void PipeWirePlayer::ReserveRoom(size_t size)
 {
     std::unique_lock lock(m_audioMutex);
@@ -312,17 +524,25 @@ void PipeWirePlayer::PushBytes(const uint8_t* data, size_t size)
     if (!m_initialized || !data || size == 0)
         return;
     ReserveRoom(size);
-    const std::lock_guard lock(m_audioMutex);
+    std::unique_lock lock(m_audioMutex);
     const size_t writePos = (m_readPos + m_queuedBytes) % m_audio.size();
+    lock.unlock();
+
+    // Nobody else writes, or reads what is not queued: PipeWire's thread need not wait for this.
     const size_t untilWrap = std::min(size, m_audio.size() - writePos);
     std::memcpy(m_audio.data() + writePos, data, untilWrap);
     std::memcpy(m_audio.data(), data + untilWrap, size - untilWrap);
+
+    lock.lock();
     m_queuedBytes += size;
 }
 
 size_t PipeWirePlayer::PopBytes(uint8_t* data, size_t size) noexcept
 {
     const std::lock_guard lock(m_audioMutex);
+    m_cycle.lengthNs = (m_cycle.bAgain ? m_cycle.lengthNs : 0) + FramesToNs(size / m_bytesPerFrame);
+    if (!m_active || m_flushing || m_cycle.calledNs < m_linkedByNs)
+        return 0;
     const size_t taken = std::min(size, m_queuedBytes);
     if (taken == 0)
         return 0;
@@ -331,13 +551,9 @@ size_t PipeWirePlayer::PopBytes(uint8_t* data, size_t size) noexcept
     std::memcpy(data + untilWrap, m_audio.data(), taken - untilWrap);
     m_readPos = (m_readPos + taken) % m_audio.size();
     m_queuedBytes -= taken;
-
     // In the same breath, so that no moment exists at which the last frames are neither queued nor
     // in flight.
-    const size_t frames = taken / m_bytesPerFrame;
-    m_takenFrames += frames;
-    m_heardByNs = MonotonicNs() + m_leadNs + FramesToNs(frames);
-    m_cycleNs = FramesToNs(size / m_bytesPerFrame);
+    AddToRuns(taken / m_bytesPerFrame);
     return taken;
 }
 
@@ -352,18 +568,55 @@ double PipeWirePlayer::QueuedSeconds() const
     if (!m_initialized)
         return 0.0;
     const std::lock_guard lock(m_audioMutex);
-    const int64_t sinceHeardNs = StreamNowNs() - m_heardByNs;
+    const int64_t sincePlayedOutNs = StreamNowNs() - m_playedOutNs;
     // One cycle of grace: when the graph is late, it takes what it was given with the next one.
-    if (m_queuedBytes == 0 && sinceHeardNs >= m_cycleNs)
+    if (m_queuedBytes == 0 && sincePlayedOutNs >= m_cycle.lengthNs)
         return 0.0;
     const double queued = static_cast<double>(m_queuedBytes / m_bytesPerFrame) / m_sampleRate;
-    const double inFlight = Seconds(std::max<int64_t>(-sinceHeardNs, 0));
-    return std::max(queued + std::min(inFlight, kMaxCountedInFlightSeconds),
-                    kUnpresentedFloorSeconds);
+    // Without the silence that stands between.
+    const double inFlight = std::min(Seconds(std::max<int64_t>(-sincePlayedOutNs, 0)),
+                                     Seconds(FramesToNs(m_takenFrames - HeardFrames())));
+    const double counted =
+        std::min(inFlight, std::max(kLeastQueueLimitSeconds - queued, kAlwaysCountedSeconds));
+    return std::max(queued + counted, kUnpresentedFloorSeconds);
+}
+
+// The stream's clock. All of it but the public operations runs with m_audioMutex held.
+
+bool PipeWirePlayer::GetStreamTime(double* presentedSec, double* second) const
+{
+    if (!m_initialized)
+        return false;
+    const std::lock_guard lock(m_audioMutex);
+    if (m_takenFrames == 0)
+        return false;
+    // The clock may be corrected backwards, by a device of more latency, say. Then time stands.
+    m_toldFrames = std::max(m_toldFrames, HeardFrames());
+    if (presentedSec)
+        *presentedSec = static_cast<double>(m_toldFrames) / m_sampleRate;
+    if (second)
+        *second = static_cast<double>(m_takenFrames - m_toldFrames) / m_sampleRate;
+    return true;
+}
+
+bool PipeWirePlayer::GetStreamTimePWOnly(double* presentedSec, double* second) const
+{
+    if (!m_initialized)
+        return false;
+    const LoopLock lock(m_loop);
+    pw_time time{};
+    if (m_broken || pw_stream_get_time_n(m_stream, &time, sizeof time) < 0 || time.rate.denom == 0)
+        return false;
+    const double tick = static_cast<double>(time.rate.num) / time.rate.denom;
+    if (presentedSec)
+        *presentedSec = static_cast<double>(time.ticks) * tick;
+    if (second)
+        *second = static_cast<double>(time.delay) * tick;
+    return true;
 }
 
 // The time by which the stream plays: it stands still while the stream is held.
-int64_t PipeWirePlayer::StreamNowNs() const
+int64_t PipeWirePlayer::StreamNowNs() const noexcept
 {
     return m_active ? MonotonicNs() : m_heldSinceNs;
 }
@@ -373,37 +626,66 @@ int64_t PipeWirePlayer::FramesToNs(uint64_t frames) const noexcept
     return static_cast<int64_t>(frames) * kNsPerSecond / m_sampleRate;
 }
 
-// Time
-
-bool PipeWirePlayer::GetStreamTime(double* presentedSec, double* second) const
+uint64_t PipeWirePlayer::NsToFrames(int64_t ns) const noexcept
 {
-    if (!m_initialized)
-        return false;
-    const std::lock_guard lock(m_audioMutex);
-    if (m_takenFrames == 0)
-        return false;
-    const double taken = static_cast<double>(m_takenFrames) / m_sampleRate;
-    const double inFlight =
-        std::min(Seconds(std::max<int64_t>(m_heardByNs - StreamNowNs(), 0)), taken);
-    if (presentedSec)
-        *presentedSec = taken - inFlight;
-    if (second)
-        *second = inFlight;
-    return true;
+    return ns > 0 ? static_cast<uint64_t>(Seconds(ns) * m_sampleRate) : 0;
 }
 
-bool PipeWirePlayer::GetStreamTimePWOnly(double* presentedSec, double* second) const
+// How many of the taken frames have been heard by now.
+uint64_t PipeWirePlayer::HeardFrames() const noexcept
 {
-    pw_time time{};
-    if (!m_initialized || pw_stream_get_time_n(m_stream, &time, sizeof time) < 0 ||
-        time.rate.denom == 0)
-        return false;
-    const double tick = static_cast<double>(time.rate.num) / time.rate.denom;
-    if (presentedSec)
-        *presentedSec = static_cast<double>(time.ticks) * tick;
-    if (second)
-        *second = static_cast<double>(time.delay) * tick;
-    return true;
+    const int64_t now = StreamNowNs();
+    for (size_t back = 0; back < m_runs.size(); ++back)
+    {
+        const Run& run = m_runs[(m_lastRun + m_runs.size() - back) % m_runs.size()];
+        const uint64_t unheard = NsToFrames(run.endNs - now);
+        if (unheard < run.endFrame - run.firstFrame)
+            return run.endFrame - unheard;
+    }
+    return 0;
+}
+
+// Frames that PipeWire takes in this cycle follow the last run, unless there was silence between.
+void PipeWirePlayer::AddToRuns(uint64_t frames) noexcept
+{
+    const Run& last = m_runs[m_lastRun];
+    const int64_t fromNs =
+        m_cycle.bAgain ? std::max(m_cycle.heardFromNs, last.endNs) : m_cycle.heardFromNs;
+    if (fromNs - last.endNs > m_cycle.lengthNs / 2)
+    {
+        m_lastRun = (m_lastRun + 1) % m_runs.size();
+        m_runs[m_lastRun].firstFrame = m_takenFrames;
+    }
+    m_takenFrames += frames;
+    m_runs[m_lastRun].endFrame = m_takenFrames;
+    m_runs[m_lastRun].endNs = fromNs + FramesToNs(frames);
+    m_playedOutNs = m_runs[m_lastRun].endNs;
+}
+
+// What PipeWire has taken and not passed on in the last cycle, the resampler's last frames, is
+// going to be dropped.
+void PipeWirePlayer::ForgetBuffered() noexcept
+{
+    Run& last = m_runs[m_lastRun];
+    const int64_t passedOnNs =
+        m_cycle.heardFromNs - FramesToNs(m_cycle.bufferedFrames) + m_cycle.lengthNs;
+    const uint64_t dropped =
+        std::min({NsToFrames(last.endNs - passedOnNs), m_cycle.bufferedFrames,
+                  last.endFrame - last.firstFrame, m_takenFrames - m_toldFrames});
+    m_cycle.bufferedFrames = 0;
+    m_takenFrames -= dropped;
+    last.endFrame -= dropped;
+    last.endNs -= FramesToNs(dropped);
+    m_playedOutNs = std::min(m_playedOutNs, last.endNs);
+}
+
+// When the stream is gone: nobody will hear what it was given any more. While it is held its time
+// goes on standing still.
+void PipeWirePlayer::CountTakenAsHeard() noexcept
+{
+    const std::lock_guard lock(m_audioMutex);
+    m_runs[m_lastRun].endNs = std::min(m_runs[m_lastRun].endNs, MonotonicNs());
+    m_playedOutNs = std::min(m_playedOutNs, StreamNowNs() - m_cycle.lengthNs);
 }
 
 // PipeWire's real-time thread: no allocation, no wait but for the queue's short mutex
@@ -415,6 +697,7 @@ void PipeWirePlayer::OnProcess(void* userdata) noexcept
 
 void PipeWirePlayer::FillBuffer() noexcept
 {
+    MeasureCycle();
     pw_buffer* buffer = pw_stream_dequeue_buffer(m_stream);
     if (!buffer)
         return;
@@ -424,7 +707,6 @@ void PipeWirePlayer::FillBuffer() noexcept
     if (buffer->requested > 0)
         frames = std::min(frames, buffer->requested);
     const size_t size = frames * m_bytesPerFrame;
-    MeasureLead();
     const size_t taken = PopBytes(bytes, size);
     if (taken < size)
         std::memset(bytes + taken, 0, size - taken); // an underrun is silence, never old data
@@ -435,14 +717,29 @@ void PipeWirePlayer::FillBuffer() noexcept
     pw_stream_queue_buffer(m_stream, buffer);
 }
 
-// How long the first frame of the coming buffer takes to be heard: what waits before it in the
-// resampler and the stream, and the way to the device.
-void PipeWirePlayer::MeasureLead() noexcept
+// When the first frame of the coming buffer will be heard: after what waits before it in the
+// stream and its resampler, and after the way to the device.
+void PipeWirePlayer::MeasureCycle() noexcept
 {
+    // Where PipeWire tells no time (1.6, after a flush) the cycle begins now, and the delay stays.
     pw_time time{};
-    if (pw_stream_get_time_n(m_stream, &time, sizeof time) < 0 || time.rate.denom == 0)
-        return;
-    const int64_t delayNs = std::max<int64_t>(time.delay, 0) * time.rate.num * kNsPerSecond /
-                            static_cast<int64_t>(time.rate.denom);
-    m_leadNs = delayNs + FramesToNs(time.queued + time.buffered);
+    const bool bTold =
+        pw_stream_get_time_n(m_stream, &time, sizeof time) == 0 && time.rate.denom > 0;
+
+    const std::lock_guard lock(m_audioMutex);
+    m_cycle.calledNs = MonotonicNs();
+    if (m_linkedByNs == kNotLinked)
+        m_linkedByNs = m_cycle.calledNs + kLinkingNs;
+    m_cycle.bAgain = time.now != 0 && time.now == m_cycle.graphNs;
+    m_cycle.graphNs = time.now;
+    m_cycle.bufferedFrames = time.buffered + time.queued;
+    if (bTold)
+        m_cycle.delayNs = std::max<int64_t>(time.delay, 0) * time.rate.num * kNsPerSecond /
+                          static_cast<int64_t>(time.rate.denom);
+    // The graph's time knows nothing of how late this thread woke up. A daemon that makes up for
+    // lost cycles has its clock far behind, though.
+    const int64_t startNs =
+        bTold ? std::clamp(time.now, m_cycle.calledNs - m_cycle.lengthNs, m_cycle.calledNs)
+              : m_cycle.calledNs;
+    m_cycle.heardFromNs = startNs + m_cycle.delayNs + FramesToNs(m_cycle.bufferedFrames);
 }

@@ -2,6 +2,7 @@
 // through PipeWire.
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <mutex>
@@ -12,16 +13,27 @@ struct pw_core;
 struct pw_stream;
 struct pw_thread_loop;
 struct spa_hook;
+struct spa_source;
 
-// One PipeWire playback stream with a byte queue in front of it.
+// One PipeWire playback stream with a byte queue in front of it. docs/sink.md tells how it works.
 //
 // Order of use: construct, Init, SetActive, then any number of PushBytes, QueuedSeconds,
 // GetStreamTime, SetActive and Clear, then Destroy (or just destruction).
 //
 // Threads: Init and Destroy belong to one thread at a time and to nobody else meanwhile. Between
-// them one thread, the worker, calls PushBytes, QueuedBytes, QueuedSeconds and Clear, while any
-// other may call SetActive, GetStreamTime and GetStreamTimePWOnly: none of them needs a lock of its
-// caller's. Before Init and after Destroy they do nothing, report an empty queue and fail.
+// them PushBytes belongs to one thread, the worker, and everything else to any: nothing needs a
+// lock of its caller's, and nothing waits for the daemon. Before Init and after Destroy they do
+// nothing, report an empty queue and fail.
+//
+// A daemon that goes away (a crash, an upgrade) is waited for without end: the sink keeps its
+// queue, tries to connect again after 100 ms and then ever more rarely, up to every 2 s, and goes
+// on playing from the queue in the same format, active or not as it was. Where there is a daemon
+// but nothing to play to, the sink plays as soon as there is.
+//
+// Its node in the graph is named "tovrel" and carries what desktops show and act on. The user may
+// move it between devices and set its volume, and may say in the environment where it plays
+// (PIPEWIRE_NODE), in which cycles (PIPEWIRE_LATENCY, PIPEWIRE_QUANTUM), and what else the node
+// carries (PIPEWIRE_PROPS).
 class PipeWirePlayer
 {
 public:
@@ -38,46 +50,52 @@ public:
     // interleaved floats per frame (1 to 64, 32 at 768000; up to 8 get the usual speaker
     // positions). A sink that is open already is closed first. Blocks until the daemon has accepted
     // the stream: a few milliseconds, 2 s at the most. False on any failure, which leaves nothing
-    // behind.
+    // behind; a daemon must be there at this moment, a device need not.
     bool Init(int sampleRate, int channels);
 
     // Disconnects from the daemon and drops the queue. A few milliseconds; safe to repeat.
     void Destroy();
 
     // Starts or holds the stream; a held one takes nothing from the queue from the graph's next
-    // cycle on. Takes well under a millisecond.
+    // cycle on, and one that starts takes from that cycle on. Takes well under a millisecond.
     void SetActive(bool active);
 
-    // Discards all queued bytes. What PipeWire has taken of them is still heard and still counts in
-    // QueuedSeconds.
+    // Discards all queued bytes, and what waits in the stream's own buffers and its resampler. The
+    // cycle that is under way is still heard and still counts in QueuedSeconds. Takes well under a
+    // millisecond.
     void Clear();
 
     // Appends `size` bytes of whole interleaved frames to the queue and returns at once. The queue
-    // has no limit: callers pace themselves by QueuedSeconds.
+    // has no limit: callers pace themselves by QueuedSeconds. Throws std::bad_alloc where there is
+    // no memory for a longer queue, which then is as it was.
     void PushBytes(const uint8_t* data, size_t size);
 
     // Bytes that PipeWire has not taken yet.
     size_t QueuedBytes() const;
 
     // Seconds of audio that have not been presented yet: the queue and what PipeWire has taken from
-    // it but not played, of which no more than 0.1 s counts, so that a device of great latency does
-    // not stop its callers from pushing. Callers treat 0.02 s or less as played out and hold the
-    // stream then, which would cut a tail of just that length; so the result stays above 0.02 s
-    // until the last frame has been presented, also while the stream is held, and is 0 from then
-    // on.
+    // it but not played. Of the latter, what would bring the sum above 0.35 s counts up to 0.1 s
+    // only, so that a device of great latency does not stop its callers from pushing. Callers treat
+    // 0.02 s or less as played out and hold the stream then, which would cut a tail of just that
+    // length; so the result stays above 0.02 s until the last frame has been presented, also while
+    // the stream is held, and is 0 from then on. What was on its way to a daemon that is gone
+    // counts as presented.
     double QueuedSeconds() const;
 
-    // Writes how many seconds of this stream's material have been presented since Init: it grows
-    // with the clock while frames are heard, stands still where none are (inactive, underrun), and
-    // leaves out what Clear discarded. `second`, where given, receives the seconds of audio that
+    // Writes how many seconds of this stream's material have been presented since Init, by
+    // PipeWire's clock and delays: it grows while frames are heard, stands still where none are (an
+    // underrun, a daemon that is gone), leaves out what Clear discarded, and never goes back. While
+    // the stream is held it keeps the value of that moment; the little that PipeWire had taken is
+    // added when the stream goes on. `second`, where given, receives the seconds of audio that
     // PipeWire has taken and not yet presented. Either pointer may be null. False, with both
-    // outputs untouched, as long as the stream has not run for one cycle.
+    // outputs untouched, as long as PipeWire has taken nothing.
     bool GetStreamTime(double* presentedSec, double* second) const;
 
-    // The same two quantities as PipeWire alone tells them: the running time of the graph that
-    // plays this stream, and the delay from this stream to the device, both in seconds. It goes on
-    // through silence and knows nothing of the queue. False, with both outputs untouched, as long
-    // as PipeWire reports no clock for this stream.
+    // Two quantities as PipeWire alone tells them, in seconds: for how long the graph that plays
+    // this stream has been running, as of its last cycle, and how long a frame takes from this
+    // stream to the device. The first goes on through silence, knows nothing of the queue, and
+    // begins anew with a new daemon. Either pointer may be null. False, with both outputs
+    // untouched, as long as PipeWire reports no clock for this stream.
     bool GetStreamTimePWOnly(double* presentedSec, double* second) const;
 
     // PipeWire's process callback, on its real-time thread, with the PipeWirePlayer as `userdata`:
@@ -88,20 +106,59 @@ public:
     int Channels() const { return m_channels; }
 
 private:
+    // A stretch of material that is heard without a break.
+    struct Run
+    {
+        uint64_t firstFrame = 0; // counted in taken frames, as the next one
+        uint64_t endFrame = 0;   // the first one behind it
+        int64_t endNs = 0;       // monotonic time at which its last frame will have been heard
+    };
+
+    // The latest call of the process callback.
+    struct Cycle
+    {
+        int64_t calledNs = 0;        // monotonic time of the call
+        int64_t graphNs = 0;         // when the graph's cycle began, by its own clock
+        int64_t lengthNs = 0;        // what was asked for in that cycle
+        bool bAgain = false;         // there was a call in that cycle before
+        int64_t delayNs = 0;         // from the stream to the device
+        int64_t heardFromNs = 0;     // when the first frame of its buffer is heard
+        uint64_t bufferedFrames = 0; // what waited in the stream and its resampler before it
+    };
+
     // Moves up to `size` bytes from the head of the queue to `data`; returns how many.
     size_t PopBytes(uint8_t* data, size_t size) noexcept;
 
-    bool Connect();
-    bool AwaitConnected();
+    bool Open();
+    bool Connect() noexcept;
+    void Disconnect() noexcept;
+    void OnStateChanged() noexcept;
+    void OnBroken() noexcept;
+    void WakeInit() noexcept;
+    void ReconnectLater() noexcept;
+    void SetTimer(int64_t waitNs) noexcept;
+    void OnTimer() noexcept;
+    int64_t StallsInNs() const noexcept;
+
+    void Flush() noexcept;
     void ReserveRoom(size_t size);
-    void FillBuffer() noexcept;
-    void MeasureLead() noexcept;
+    uint64_t HeardFrames() const noexcept;
+    void AddToRuns(uint64_t frames) noexcept;
+    void ForgetBuffered() noexcept;
+    void CountTakenAsHeard() noexcept;
+    int64_t StreamNowNs() const noexcept;
     int64_t FramesToNs(uint64_t frames) const noexcept;
-    int64_t StreamNowNs() const;
+    uint64_t NsToFrames(int64_t ns) const noexcept;
+
+    void FillBuffer() noexcept;
+    void MeasureCycle() noexcept;
 
     int m_sampleRate = 0;
     int m_channels = 0;
     size_t m_bytesPerFrame = 0;
+
+    // The connection. From Init to Destroy all of it is guarded by the lock of the loop, whose
+    // thread replaces core and stream when the daemon was away.
     pw_thread_loop* m_loop = nullptr;
     pw_context* m_context = nullptr;
     pw_core* m_core = nullptr;
@@ -109,19 +166,31 @@ private:
     spa_hook* m_streamListener = nullptr;
 
     // Guards m_audio, m_readPos and the fields from m_queuedBytes to m_heldSinceNs, which the
-    // worker, the control thread and PipeWire's callback share. It is held to move bytes and to
-    // read or write these fields, never across an allocation or a call into PipeWire.
+    // worker, the control thread and PipeWire's callback share. It is held to read or write these
+    // fields, and by the callback to copy one buffer, never across an allocation or a call into
+    // PipeWire. Taken inside the loop's lock, never the other way round.
     mutable std::mutex m_audioMutex;
     std::vector<unsigned char> m_audio; // a ring: its size is its capacity
     size_t m_readPos = 0;               // where the oldest queued byte stands in the ring
-    bool m_initialized = false;
+    bool m_initialized = false;         // written under the loop's lock, where its thread runs
 
     size_t m_queuedBytes = 0;   // bytes of the ring that hold queued audio
+    bool m_flushing = false;    // nothing may be taken until the stream has been flushed
     uint64_t m_takenFrames = 0; // frames of the queue that PipeWire has taken since Init
-    int64_t m_heardByNs = 0;    // monotonic time at which all of them will have been presented
-    int64_t m_cycleNs = 0;      // length of the last cycle of the graph
+    // The latest runs: more breaks than this within the latency of a device are not told apart.
+    std::array<Run, 8> m_runs{};
+    size_t m_lastRun = 0;
+    mutable uint64_t m_toldFrames = 0; // the furthest that GetStreamTime has told
+    int64_t m_playedOutNs = 0;         // when all of the taken frames will have been presented
+    Cycle m_cycle;
+    int64_t m_linkedByNs = 0; // nothing is taken before
     bool m_active = false;
     int64_t m_heldSinceNs = 0; // while not active
 
-    int64_t m_leadNs = 0; // from taking a frame to hearing it; the process callback's own
+    // More of the connection, under the same lock as the rest of it.
+    spa_hook* m_coreListener = nullptr;
+    spa_source* m_timer = nullptr; // of the next attempt to connect, or look at the stream
+    int m_retryWaitMs = 0;         // before the next attempt to connect
+    bool m_broken = true;          // what there is of a connection is of no use
+    bool m_replaced = false;       // the stream does not run, and is the second that does not
 };
