@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <cmath>
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
@@ -17,7 +18,9 @@
 #include <fstream>
 #include <iostream>
 #include <iterator>
+#include <sched.h>
 #include <spawn.h>
+#include <sstream>
 #include <stdexcept>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -42,14 +45,29 @@ constexpr size_t kPrintedBreaks = 8;
 
 std::string ReadFile(const std::string& path)
 {
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+    // Of a process that ends meanwhile the reading itself fails: that counts as no file.
+    std::ostringstream text;
+    text << std::ifstream(path, std::ios::binary).rdbuf();
+    return text.str();
 }
 
 size_t EntriesOf(const char* directory)
 {
     const std::filesystem::directory_iterator entries(directory);
     return static_cast<size_t>(std::distance(begin(entries), end(entries)));
+}
+
+void EndProcess(pid_t process, int signal)
+{
+    kill(process, signal);
+    // It stays a zombie until whoever started it waits for it.
+    const auto bGone = [&]
+    {
+        const std::string stat = ReadFile("/proc/" + std::to_string(process) + "/stat");
+        return stat.empty() || stat.find(") Z ") != std::string::npos;
+    };
+    if (!WaitUntil(bGone))
+        GiveUp("a process survives its signal");
 }
 
 sockaddr_un SocketAddress(const std::string& directory)
@@ -212,16 +230,90 @@ bool DaemonDroppedCycles()
 
 void KillDaemon()
 {
-    const pid_t daemon = DaemonPid();
-    kill(daemon, SIGKILL);
-    // It stays a zombie until the script that started it waits for it.
-    const auto bGone = [&]
+    EndProcess(DaemonPid(), SIGKILL);
+    std::filesystem::remove(RuntimePath("pipewire-0"));
+}
+
+void EndSessionManager()
+{
+    // The one that ran last, who wrote down its process.
+    EndProcess(std::stoi(ReadFile(RuntimePath("wireplumber.pid"))), SIGTERM);
+}
+
+NewDaemon::NewDaemon() :
+    m_process({"sh", "-c",
+               "PIPEWIRE_CONFIG_DIR='" TOVREL_SCRIPTS "' PIPEWIRE_DEBUG=pw.node:4 "
+               "exec pipewire -c null-sink.conf 2>>'" +
+                   RuntimePath("pipewire.log") + "'"})
+{
+    if (!WaitUntil([] { return std::filesystem::exists(RuntimePath("pipewire-0")); }, kOftenMs))
+        GiveUp("no new daemon");
+}
+
+NewSessionManager::NewSessionManager() :
+    m_process({"sh", "-c",
+               "cd '" + RuntimePath("") +
+                   "' && echo $$ >wireplumber.pid && DBUS_SESSION_BUS_ADDRESS=unix:path=$PWD/bus "
+                   "exec wireplumber 2>>wireplumber.log"})
+{
+}
+
+void CreateSink(const std::string& name)
+{
+    OutputOf({"pw-cli", "create-node", "adapter",
+              "{ factory.name=support.null-audio-sink media.class=Audio/Sink node.name=" + name +
+                  " object.linger=true audio.position=[ FL FR ] monitor.channel-volumes=true"
+                  " monitor.passthrough=true }"});
+    if (!WaitUntil([&] { return NodeId(name) != 0; }))
+        GiveUp("no sink " + name);
+}
+
+void DestroySink(const std::string& name)
+{
+    OutputOf({"pw-cli", "destroy", std::to_string(NodeId(name))});
+    if (!WaitUntil([&] { return NodeId(name) == 0; }))
+        GiveUp("the sink " + name + " stays");
+}
+
+void AwaitDefaultSink(const std::string& name)
+{
+    const auto bDefault = [&]
     {
-        const std::string stat = ReadFile("/proc/" + std::to_string(daemon) + "/stat");
-        return stat.empty() || stat.find(") Z ") != std::string::npos;
+        return OutputOf({"pw-metadata", "0", "default.audio.sink"}).find('"' + name + '"') !=
+               std::string::npos;
     };
-    if (!WaitUntil(bGone))
-        GiveUp("the daemon survives SIGKILL");
+    if (!WaitUntil(bDefault))
+        GiveUp(name + " does not become the default sink");
+}
+
+uint32_t NodeId(const std::string& name)
+{
+    // "	id 33, type PipeWire:Interface:Node/3" and then its properties.
+    std::istringstream nodes(OutputOf({"pw-cli", "ls", "Node"}));
+    uint32_t id = 0;
+    for (std::string line; std::getline(nodes, line);)
+    {
+        std::sscanf(line.c_str(), " id %u,", &id);
+        if (line.find("node.name = \"" + name + "\"") != std::string::npos)
+            return id;
+    }
+    return 0;
+}
+
+std::map<std::string, std::string> NodeProperties(const std::string& name)
+{
+    // "*		media.type = "Audio"", among much else.
+    std::istringstream lines(OutputOf({"pw-cli", "info", std::to_string(NodeId(name))}));
+    std::map<std::string, std::string> properties;
+    for (std::string line; std::getline(lines, line);)
+    {
+        const size_t equals = line.find(" = \"");
+        const size_t key = line.find_first_not_of("*\t ");
+        if (equals != std::string::npos && key < equals && line.back() == '"')
+            properties[line.substr(key, equals - key)] =
+                line.substr(equals + 4, line.size() - equals - 5);
+    }
+    return properties;
 }
 
 OtherRuntimeDirectory::OtherRuntimeDirectory() :
@@ -281,6 +373,20 @@ std::ostream& operator<<(std::ostream& out, const Resources& resources)
     return out << resources.threads << " threads, " << resources.descriptors << " descriptors";
 }
 
+bool MayRunInRealTime()
+{
+    bool bMay = false;
+    std::thread(
+        [&]
+        {
+            sched_param priority{};
+            priority.sched_priority = 1;
+            bMay = sched_setscheduler(0, SCHED_FIFO, &priority) == 0;
+        })
+        .join();
+    return bMay;
+}
+
 void WarmUpLibraries()
 {
     PipeWirePlayer sink;
@@ -301,16 +407,19 @@ namespace
 {
 
 constexpr size_t kLongestRecording = 60 * kSinkRate; // frames, longer than a case may take
+constexpr size_t kMostCycles = kLongestRecording / 32;
 
 std::atomic<bool> bAnyRecorded{false};
 std::atomic<bool> bAnyMissedCycles{false};
 
 } // namespace
 
-MonitorRecording::MonitorRecording() : m_samples(kLongestRecording * kSinkChannels)
+MonitorRecording::MonitorRecording(const std::string& sink, int rate) :
+    m_samples(kLongestRecording * kSinkChannels)
 {
     bAnyRecorded = true;
-    Open();
+    m_cycles.reserve(kMostCycles);
+    Open(sink, rate);
     if (!WaitUntil([&] { return Now() > 0; }))
         GiveUp("the recording of the monitor does not start");
 }
@@ -320,7 +429,7 @@ MonitorRecording::~MonitorRecording()
     Close();
 }
 
-void MonitorRecording::Open()
+void MonitorRecording::Open(const std::string& sink, int rate)
 {
     pw_init(nullptr, nullptr);
     m_loop = pw_thread_loop_new("recording", nullptr);
@@ -347,13 +456,13 @@ void MonitorRecording::Open()
     m_stream = pw_stream_new(core, "Recording",
                              pw_properties_new(PW_KEY_MEDIA_TYPE, "Audio", PW_KEY_MEDIA_CATEGORY,
                                                "Capture", PW_KEY_NODE_NAME, "recording",
-                                               PW_KEY_TARGET_OBJECT, "null-sink",
+                                               PW_KEY_TARGET_OBJECT, sink.c_str(),
                                                PW_KEY_STREAM_CAPTURE_SINK, "true", nullptr));
     m_listener = new spa_hook{};
     pw_stream_add_listener(m_stream, m_listener, &kEvents, this);
     spa_audio_info_raw info{};
     info.format = SPA_AUDIO_FORMAT_F32;
-    info.rate = kSinkRate;
+    info.rate = static_cast<uint32_t>(rate);
     info.channels = kSinkChannels;
     info.position[0] = SPA_AUDIO_CHANNEL_FL;
     info.position[1] = SPA_AUDIO_CHANNEL_FR;
@@ -403,6 +512,8 @@ void MonitorRecording::TakeBuffer() noexcept
         std::memcpy(m_samples.data() + recorded * kSinkChannels,
                     static_cast<const uint8_t*>(data.data) + data.chunk->offset,
                     frames * kBytesPerFrame);
+        if (m_cycles.size() < m_cycles.capacity())
+            m_cycles.push_back({recorded + frames, time.now, time.ticks});
         m_frames = recorded + frames;
     }
     pw_stream_queue_buffer(m_stream, buffer);

@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <functional>
 #include <iosfwd>
+#include <map>
 #include <string>
 #include <sys/types.h>
 #include <vector>
@@ -103,8 +104,42 @@ private:
 // from the clients to the sink. Its log tells.
 bool DaemonDroppedCycles();
 
-// Kills the daemon (SIGKILL) and returns when it is gone.
+// Kills the daemon (SIGKILL) and returns when it is gone; its session manager ends with it.
 void KillDaemon();
+
+// Ends the session manager (SIGTERM) and returns when it is gone. The daemon goes on.
+void EndSessionManager();
+
+// A daemon or a session manager in the place of one that is gone. They end with the object.
+class NewDaemon
+{
+public:
+    NewDaemon(); // with the null sink; returns when it takes connections
+
+private:
+    ChildProcess m_process;
+};
+
+class NewSessionManager
+{
+public:
+    NewSessionManager(); // returns at once: a sink that it knows of has a default
+                         // (AwaitDefaultSink)
+
+private:
+    ChildProcess m_process;
+};
+
+// Null sinks beside, or in the place of, the one that is there from the start.
+void CreateSink(const std::string& name);
+void DestroySink(const std::string& name);
+
+// Returns when the session manager has made this the sink that streams go to.
+void AwaitDefaultSink(const std::string& name);
+
+// The id of the node of this name, 0 where there is none, and what the daemon tells of it.
+uint32_t NodeId(const std::string& name);
+std::map<std::string, std::string> NodeProperties(const std::string& name);
 
 // Lets PipeWire look for its daemon in another directory for the life of the object.
 class OtherRuntimeDirectory
@@ -156,6 +191,9 @@ struct Resources
 };
 std::ostream& operator<<(std::ostream& out, const Resources& resources);
 
+// Whether a thread of this process may be given real-time priority.
+bool MayRunInRealTime();
+
 // Opens and closes one sink, so that what the libraries keep for good is there before a count.
 void WarmUpLibraries();
 
@@ -164,13 +202,23 @@ testing::AssertionResult ComesBackTo(const Resources& before);
 
 // --- The recording ------------------------------------------------------------------------------
 
-// Records the null sink's monitor: stereo, kSinkRate, bit for bit what the sink was given. The
-// frames are taken on PipeWire's real-time thread, so that a busy machine loses none of them here.
+// Records a sink's monitor: stereo, and at the graph's own rate bit for bit what the sink was
+// given. The frames are taken on PipeWire's real-time thread, so that a busy machine loses none of
+// them here.
 class MonitorRecording
 {
 public:
+    // One cycle of the graph. The monitor passes on in each what the sink was given in the one
+    // before: the frames recorded in a cycle that begins at `graphNs` were heard until then.
+    struct Cycle
+    {
+        size_t endFrame; // of the recording, by the end of the cycle
+        int64_t graphNs; // when the cycle began, monotonic, by the graph's clock
+        uint64_t ticks;  // the graph's position then, in frames
+    };
+
     // Returns when frames are arriving.
-    MonitorRecording();
+    explicit MonitorRecording(const std::string& sink = "null-sink", int rate = kSinkRate);
     ~MonitorRecording();
     MonitorRecording(const MonitorRecording&) = delete;
     MonitorRecording& operator=(const MonitorRecording&) = delete;
@@ -184,6 +232,9 @@ public:
     // Records on until what has been played by now is recorded, ends, and returns all the samples.
     std::vector<float> Finish(size_t tailFrames = 4 * kQuantum);
 
+    // All cycles that were recorded, after Finish.
+    const std::vector<Cycle>& Cycles() const { return m_cycles; }
+
     // Whether any recording of this process missed a cycle of the graph, by the graph's own clock.
     static bool AnyMissedCycles();
 
@@ -191,11 +242,12 @@ public:
     static bool AnyRecorded();
 
 private:
-    void Open();
+    void Open(const std::string& sink, int rate);
     void Close();
     void TakeBuffer() noexcept;
 
     std::vector<float> m_samples; // has its full size from the start
+    std::vector<Cycle> m_cycles;  // has its full capacity from the start
     std::atomic<size_t> m_frames{0};
     uint64_t m_nextTicks = 0; // when the next buffer should start; the process callback's own
     pw_thread_loop* m_loop = nullptr;

@@ -7,7 +7,6 @@
 
 #include <algorithm>
 #include <atomic>
-#include <chrono>
 #include <cmath>
 #include <iostream>
 #include <ostream>
@@ -369,129 +368,6 @@ INSTANTIATE_TEST_SUITE_P(Place, SinkSoundOfChannel,
                                          ChannelCase{"SurroundRearLeft", 6, 4, kMinus3Db, 0.0},
                                          ChannelCase{"SurroundRearRight", 6, 5, 0.0, kMinus3Db}),
                          [](const auto& place) { return place.param.name; });
-
-// --- The stream's time --------------------------------------------------------------------------
-
-TEST(SinkTime, GrowsSteadilyAndEndsAtThePushedLength)
-{
-    RunningSink sink;
-    PushFrames(sink, IndexedFrames(0, 24000));
-    double latest = 0.0;
-    bool bSteady = true;
-    ASSERT_TRUE(WaitUntil(
-        [&]
-        {
-            double presented = latest;
-            sink.GetStreamTime(&presented, nullptr);
-            bSteady = bSteady && presented >= latest;
-            latest = presented;
-            return sink.QueuedSeconds() == 0.0;
-        },
-        kOftenMs));
-    double inFlight = -1.0;
-    ASSERT_TRUE(sink.GetStreamTime(&latest, &inFlight));
-    EXPECT_TRUE(bSteady);
-    EXPECT_NEAR(latest, 0.5, 1e-9);
-    EXPECT_EQ(inFlight, 0.0);
-}
-
-TEST(SinkTime, NeverRunsAheadOfTheClock)
-{
-    RunningSink sink;
-    const auto start = std::chrono::steady_clock::now();
-    PushFrames(sink, IndexedFrames(0, kSinkRate));
-    bool bAhead = false;
-    ASSERT_TRUE(WaitUntil(
-        [&]
-        {
-            double presented = 0.0;
-            const bool bTold = sink.GetStreamTime(&presented, nullptr);
-            const std::chrono::duration<double> passed = std::chrono::steady_clock::now() - start;
-            bAhead = bAhead || presented > passed.count();
-            return bTold && presented > 0.8;
-        },
-        kOftenMs));
-    EXPECT_FALSE(bAhead);
-}
-
-TEST(SinkTime, StandsStillWhileInactive)
-{
-    MonitorRecording recording;
-    RunningSink sink;
-    PushFrames(sink, IndexedFrames(0, kSinkRate));
-    recording.AwaitMore(6 * kQuantum);
-    sink.SetActive(false);
-    recording.AwaitMore(4 * kQuantum);
-    double before = 0.0;
-    double after = -1.0;
-    ASSERT_TRUE(sink.GetStreamTime(&before, nullptr));
-    recording.AwaitMore(4 * kQuantum);
-    ASSERT_TRUE(sink.GetStreamTime(&after, nullptr));
-    EXPECT_GT(before, 0.0);
-    EXPECT_EQ(before, after);
-}
-
-TEST(SinkTime, StandsStillInAnUnderrun)
-{
-    RunningSink sink;
-    PushFrames(sink, IndexedFrames(0, 4800));
-    ASSERT_TRUE(WaitUntil([&] { return sink.QueuedSeconds() == 0.0; }));
-    double before = 0.0;
-    double after = -1.0;
-    ASSERT_TRUE(sink.GetStreamTime(&before, nullptr));
-    SleepMs(100);
-    ASSERT_TRUE(sink.GetStreamTime(&after, nullptr));
-    EXPECT_EQ(before, after);
-}
-
-TEST(SinkTime, LeavesOutWhatClearDiscarded)
-{
-    MonitorRecording recording;
-    RunningSink sink;
-    PushFrames(sink, IndexedFrames(0, kSinkRate));
-    recording.AwaitMore(6 * kQuantum);
-    sink.Clear();
-    PushFrames(sink, IndexedFrames(500000, 4800));
-    ASSERT_TRUE(DrainAsWorkersDo(sink));
-    double presented = 0.0;
-    ASSERT_TRUE(sink.GetStreamTime(&presented, nullptr));
-    const Heard heard = FindIndexed(recording.Finish(), 0, kIndexLimit);
-    EXPECT_NEAR(presented, static_cast<double>(heard.indices.size()) / kSinkRate, 1e-9);
-}
-
-TEST(SinkTime, IsUntouchedWhereThereIsNone)
-{
-    PipeWirePlayer sink;
-    double presented = -1.0;
-    double inFlight = -2.0;
-    EXPECT_FALSE(sink.GetStreamTime(&presented, &inFlight));
-    EXPECT_FALSE(sink.GetStreamTimePWOnly(&presented, &inFlight));
-    ASSERT_TRUE(sink.Init(kSinkRate, kSinkChannels));
-    EXPECT_FALSE(sink.GetStreamTime(&presented, &inFlight));
-    EXPECT_FALSE(sink.GetStreamTimePWOnly(&presented, &inFlight));
-    sink.SetActive(true);
-    ASSERT_TRUE(WaitUntil([&] { return sink.GetStreamTimePWOnly(nullptr, nullptr); }));
-    sink.Destroy();
-    EXPECT_FALSE(sink.GetStreamTime(&presented, &inFlight));
-    EXPECT_FALSE(sink.GetStreamTimePWOnly(&presented, &inFlight));
-    EXPECT_EQ(presented, -1.0);
-    EXPECT_EQ(inFlight, -2.0);
-}
-
-TEST(SinkTime, OfPipeWireAloneGoesOnThroughSilence)
-{
-    RunningSink sink;
-    double first = 0.0;
-    double delay = -1.0;
-    ASSERT_TRUE(WaitUntil([&] { return sink.GetStreamTimePWOnly(&first, &delay); }));
-    EXPECT_GE(delay, 0.0);
-    EXPECT_TRUE(WaitUntil(
-        [&]
-        {
-            double later = first;
-            return sink.GetStreamTimePWOnly(&later, nullptr) && later > first + 0.1;
-        }));
-}
 
 // --- Threads ------------------------------------------------------------------------------------
 
