@@ -647,7 +647,7 @@ private:
             events.version = PW_VERSION_STREAM_EVENTS;
             events.process = [](void* sink)
             {
-                static_cast<LateSink*>(sink)->TakeBuffer();
+                static_cast<LateSink*>(sink)->TakeBuffers();
             };
             return events;
         }();
@@ -686,31 +686,33 @@ private:
         m_loop = nullptr;
     }
 
-    void TakeBuffer() noexcept
+    void TakeBuffers() noexcept
     {
-        pw_buffer* buffer = pw_stream_dequeue_buffer(m_stream);
-        if (!buffer)
-            return;
         pw_time time{};
         pw_stream_get_time_n(m_stream, &time, sizeof time);
-        const spa_data& data = buffer->buffer->datas[0];
+        // A late call finds what the one before it has missed.
+        while (pw_buffer* buffer = pw_stream_dequeue_buffer(m_stream))
+        {
+            Take(buffer->buffer->datas[0], time);
+            pw_stream_queue_buffer(m_stream, buffer);
+        }
+    }
+
+    void Take(const spa_data& data, const pw_time& time) noexcept
+    {
         const size_t before = m_samples.size();
         const size_t count = data.chunk->size / sizeof(float);
-        if (m_cycles.size() < m_cycles.capacity() && before + count <= m_samples.capacity())
-        {
-            const int64_t startNs = time.now + kLateNs;
-            // It is given nothing while nobody plays to it.
-            if (m_cycles.empty() || startNs > m_cycles.back().graphNs + 1000000)
-                m_cycles.push_back({before / kSinkChannels, startNs, time.ticks});
-            m_samples.resize(before + count);
-            std::memcpy(&m_samples[before],
-                        static_cast<const uint8_t*>(data.data) + data.chunk->offset,
-                        count * sizeof(float));
-            const size_t frames = count / kSinkChannels;
-            const auto lengthNs = static_cast<int64_t>(Seconds(frames) * kNsPerSecond);
-            m_cycles.push_back({m_samples.size() / kSinkChannels, startNs + lengthNs, time.ticks});
-        }
-        pw_stream_queue_buffer(m_stream, buffer);
+        if (m_cycles.size() + 2 > m_cycles.capacity() || before + count > m_samples.capacity())
+            return;
+        m_samples.resize(before + count);
+        std::memcpy(&m_samples[before], static_cast<const uint8_t*>(data.data) + data.chunk->offset,
+                    count * sizeof(float));
+        const int64_t startNs = time.now + kLateNs;
+        const auto lengthNs = static_cast<int64_t>(Seconds(count / kSinkChannels) * kNsPerSecond);
+        // It is given nothing while nobody plays to it.
+        if (m_cycles.empty() || startNs > m_cycles.back().graphNs + 1000000)
+            m_cycles.push_back({before / kSinkChannels, startNs, time.ticks});
+        m_cycles.push_back({m_samples.size() / kSinkChannels, startNs + lengthNs, time.ticks});
     }
 
     MonitorRecording m_graph; // notices where a busy machine makes the graph drop cycles
@@ -721,6 +723,10 @@ private:
     pw_stream* m_stream = nullptr;
     spa_hook m_listener{};
 };
+
+// A link to another program may hold one cycle back that nothing tells of; positions are told in
+// whole frames.
+const double kOneQuantum = Seconds(kQuantum + 1);
 
 TEST(SinkLatency, OfTheDeviceIsInEveryClock)
 {
@@ -742,7 +748,7 @@ TEST(SinkLatency, OfTheDeviceIsInEveryClock)
 
     const Errors errors = ErrorsOf(samples, heard);
     std::cout << errors << std::endl;
-    EXPECT_LE(errors.Worst(), Seconds(kQuantum));
+    EXPECT_LE(errors.Worst(), kOneQuantum);
     EXPECT_DOUBLE_EQ(samples.back().presented, kPushed);
     EXPECT_NEAR(delay, kLateSeconds, 1e-6);
     // All that has not been presented, but for what would keep the pushers from their work.
@@ -816,7 +822,7 @@ TEST(SinkLatency, UnderrunsWithinItAreToldApart)
 
     const Errors errors = ErrorsOf(samples, heard);
     std::cout << errors << std::endl;
-    EXPECT_LE(errors.Worst(), Seconds(kQuantum));
+    EXPECT_LE(errors.Worst(), kOneQuantum);
     EXPECT_FALSE(GoesBack(samples));
     for (const double atPause : {0.1, 0.2})
         EXPECT_GT(std::count_if(samples.begin(), samples.end(),
@@ -857,7 +863,7 @@ TEST(SinkLatency, PausesWithinItEndWhereTheDeviceIs)
     AddSample(samples, sink);
     const Errors errors = ErrorsOf(samples, late.Finish());
     std::cout << errors << std::endl;
-    EXPECT_LE(errors.Worst(), Seconds(kQuantum));
+    EXPECT_LE(errors.Worst(), kOneQuantum);
     EXPECT_FALSE(GoesBack(samples));
     EXPECT_DOUBLE_EQ(samples.back().presented, 1.5);
 }
@@ -1274,14 +1280,17 @@ void PrintTo(const SourceCase& source, std::ostream* out)
     *out << source.name;
 }
 
-void Start(TovrelAudioPlayer& player, const SourceCase& source)
+// Plays, and returns when it is heard.
+void Start(TovrelAudioPlayer& player, const SourceCase& source, const MonitorRecording& recording)
 {
     player.SetEqualizerEnabled(false);
     if (source.file)
         player.PlayFile(IndexedFile(source.file, source.codec));
     else
         ASSERT_TRUE(player.PlayPcm(IndexedFrames(0, kMaterial), kSinkRate, kSinkChannels));
-    ASSERT_TRUE(WaitUntil([&] { return player.CurrentSeconds() > 0.1; }));
+    // The position alone runs from the start, heard or not.
+    ASSERT_TRUE(WaitUntil([&] { return !player.CopySpectrumSamples().empty(); }));
+    recording.AwaitMore(8 * kQuantum);
 }
 
 class PlayerReactionOf : public testing::TestWithParam<SourceCase>
@@ -1295,7 +1304,7 @@ TEST_P(PlayerReactionOf, SeekIsHeardSoonAndNothingOldAfterTheCycleInFlight)
     std::uniform_int_distribution<int> wait(100000, 150000);
     MonitorRecording recording;
     TovrelAudioPlayer player;
-    Start(player, GetParam());
+    Start(player, GetParam(), recording);
     struct Seek
     {
         int64_t calledNs;
