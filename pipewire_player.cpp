@@ -24,16 +24,24 @@ constexpr int kMaxChannels = 64;       // as many as PipeWire's formats name
 // times what any device plays, is well clear of that.
 constexpr int64_t kMaxSamplesPerSecond = int64_t{kMaxSampleRate} * kMaxChannels / 2;
 
-constexpr int64_t kConnectTimeoutNs = 2000000000;
+constexpr int64_t kConnectTimeoutNs = 2000000000; // of Init, whose caller waits
 constexpr int kFirstRetryMs = 100; // after a connection broke; each failure doubles it
 constexpr int kLongestRetryMs = 2000;
-constexpr int64_t kStallNs = 1000000000; // this long, and this many cycles, without a callback
+
+// A stream whose callback has not been called for so long, and so many cycles, does not run: a busy
+// machine keeps it waiting for less. It is looked at twice, as all threads of a process that was
+// stopped are late.
+constexpr int64_t kStallNs = 1000000000;
 constexpr int64_t kStallCycles = 4;
+constexpr int kStalledLooks = 2;
+constexpr int64_t kStalledLookNs = 100000000;
+
 constexpr int64_t kNsPerSecond = 1000000000;
 constexpr int64_t kNsPerMs = 1000000;
 
-// The session managers of PipeWire 1 link the channels of a stream one by one. A stream that played
-// at once would play its first cycle to some of them only, so it waits from its first cycle on.
+// The session managers that need PipeWire 1 link the channels of a stream one by one. A stream that
+// played at once would play its first cycle to some of them only, so it waits from there on: for
+// more than the few cycles in which the others follow even where cycles are shortest.
 constexpr int64_t kLinkingNs = 5000000;
 constexpr int64_t kNotLinked = INT64_MAX;
 
@@ -98,13 +106,13 @@ void SetChannelPositions(uint32_t* position, uint32_t channels)
 class LoopLock
 {
 public:
-    explicit LoopLock(pw_thread_loop* loop) : loop_(loop) { pw_thread_loop_lock(loop_); }
-    ~LoopLock() { pw_thread_loop_unlock(loop_); }
+    explicit LoopLock(pw_thread_loop* loop) : m_loop(loop) { pw_thread_loop_lock(m_loop); }
+    ~LoopLock() { pw_thread_loop_unlock(m_loop); }
     LoopLock(const LoopLock&) = delete;
     LoopLock& operator=(const LoopLock&) = delete;
 
 private:
-    pw_thread_loop* loop_;
+    pw_thread_loop* m_loop;
 };
 
 // Whether the library that was loaded, not the one that was compiled with, is at least this new.
@@ -139,8 +147,9 @@ pw_context* NewContext(pw_loop* loop)
     return context;
 }
 
-// No media.role: session managers keep one volume for all applications of a role. The node's rate
-// lets the graph follow the stream where its devices can. Null where there is no memory.
+// No media.role: with one, a change of this application's volume would be a change of everybody's
+// who has the same. The node's rate lets the graph follow the stream where its devices can. Null
+// where there is no memory.
 pw_properties* StreamProperties(int sampleRate)
 {
     pw_properties* properties =
@@ -164,7 +173,8 @@ PipeWirePlayer::PipeWirePlayer()
         return;
     pthread_mutexattr_setprotocol(&attributes, PTHREAD_PRIO_INHERIT);
     pthread_mutex_destroy(m_audioMutex.native_handle());
-    pthread_mutex_init(m_audioMutex.native_handle(), &attributes);
+    if (pthread_mutex_init(m_audioMutex.native_handle(), &attributes) != 0)
+        pthread_mutex_init(m_audioMutex.native_handle(), nullptr);
     pthread_mutexattr_destroy(&attributes);
 }
 
@@ -185,7 +195,7 @@ bool PipeWirePlayer::Init(int sampleRate, int channels)
     bool bOpened = false;
     try
     {
-        ReserveRoom(static_cast<size_t>(sampleRate * kReservedSeconds) * m_bytesPerFrame);
+        ReserveRoom((static_cast<size_t>(sampleRate * kReservedSeconds) + 1) * m_bytesPerFrame);
         m_streamListener = new spa_hook{};
         m_coreListener = new spa_hook{};
         bOpened = Open();
@@ -206,12 +216,8 @@ bool PipeWirePlayer::Init(int sampleRate, int channels)
 // something failed is left to Destroy.
 bool PipeWirePlayer::Open()
 {
-    static const bool bLibraryStarted = []
-    {
-        pw_init(nullptr, nullptr); // for the life of the process: other users may share it
-        return true;
-    }();
-    (void)bLibraryStarted;
+    static std::once_flag started; // for the life of the process: other users may share it
+    std::call_once(started, [] { pw_init(nullptr, nullptr); });
 
     m_loop = pw_thread_loop_new("tovrel-audio", nullptr);
     if (!m_loop)
@@ -241,9 +247,11 @@ bool PipeWirePlayer::Open()
 bool PipeWirePlayer::Connect() noexcept
 {
     m_broken = true; // until it is whole
+    m_connectedNs = MonotonicNs();
+    const bool bLinksOneByOne = HasLibrary(1, 0);
     {
         const std::lock_guard lock(m_audioMutex);
-        m_linkedByNs = HasLibrary(1, 0) ? kNotLinked : 0;
+        m_linkedByNs = bLinksOneByOne ? kNotLinked : 0;
     }
     m_core = pw_context_connect(m_context, nullptr, 0);
     if (!m_core)
@@ -329,6 +337,8 @@ void PipeWirePlayer::OnBroken() noexcept
     m_broken = true;
     if (m_initialized)
     {
+        if (MonotonicNs() - m_connectedNs > kLongestRetryMs * kNsPerMs)
+            m_retryWaitMs = kFirstRetryMs; // it was a connection, not a failed attempt
         CountTakenAsHeard();
         ReconnectLater();
     }
@@ -364,21 +374,19 @@ void PipeWirePlayer::OnTimer() noexcept
         if (!m_active)
             return;
         const int64_t leftNs = StallsInNs();
-        if (leftNs > 0)
-            m_replaced = false;
-        if (leftNs > 0 || m_replaced)
+        m_stalledLooks = leftNs > 0 ? 0 : m_stalledLooks + 1;
+        if (m_stalledLooks != kStalledLooks)
         {
-            SetTimer(leftNs > 0 ? leftNs : kStallNs);
+            SetTimer(leftNs > 0 ? leftNs : kStalledLookNs);
             return;
         }
         // No device to play to, perhaps, and one may come at any time. Or a session manager that
         // was restarted: WirePlumber 0.4 leaves the streams alone that its predecessor has linked,
         // and only takes new ones in hand. So this one is replaced, once: the new one may wait for
         // a device as long as it takes.
-        m_replaced = true;
-        CountTakenAsHeard();
     }
     Disconnect();
+    CountTakenAsHeard(); // what an unbroken stream took until now goes with it
     if (!Connect())
         ReconnectLater();
     else if (m_active)
@@ -413,7 +421,7 @@ void PipeWirePlayer::Destroy()
     m_loop = nullptr;
     m_retryWaitMs = kFirstRetryMs;
 
-    m_audio = {};
+    std::vector<unsigned char>().swap(m_audio); // an assignment would keep its memory
     m_readPos = 0;
     m_queuedBytes = 0;
     m_flushing = false;
@@ -448,7 +456,7 @@ void PipeWirePlayer::SetActive(bool active)
     if (!m_stream)
         return;
     pw_stream_set_active(m_stream, active);
-    m_replaced = false;
+    m_stalledLooks = 0;
     if (active && !m_broken)
         SetTimer(kStallNs);
 }
@@ -642,7 +650,7 @@ uint64_t PipeWirePlayer::HeardFrames() const noexcept
         if (unheard < run.endFrame - run.firstFrame)
             return run.endFrame - unheard;
     }
-    return 0;
+    return m_runs[(m_lastRun + 1) % m_runs.size()].firstFrame; // the oldest that is known
 }
 
 // Frames that PipeWire takes in this cycle follow the last run, unless there was silence between.
@@ -684,8 +692,11 @@ void PipeWirePlayer::ForgetBuffered() noexcept
 void PipeWirePlayer::CountTakenAsHeard() noexcept
 {
     const std::lock_guard lock(m_audioMutex);
-    m_runs[m_lastRun].endNs = std::min(m_runs[m_lastRun].endNs, MonotonicNs());
+    Run& last = m_runs[m_lastRun];
+    if (m_active)
+        last.endNs = std::min(last.endNs, MonotonicNs());
     m_playedOutNs = std::min(m_playedOutNs, StreamNowNs() - m_cycle.lengthNs);
+    m_cycle.bufferedFrames = 0;
 }
 
 // PipeWire's real-time thread: no allocation, no wait but for the queue's short mutex
@@ -732,10 +743,12 @@ void PipeWirePlayer::MeasureCycle() noexcept
         m_linkedByNs = m_cycle.calledNs + kLinkingNs;
     m_cycle.bAgain = time.now != 0 && time.now == m_cycle.graphNs;
     m_cycle.graphNs = time.now;
-    m_cycle.bufferedFrames = time.buffered + time.queued;
     if (bTold)
+    {
+        m_cycle.bufferedFrames = time.buffered + time.queued;
         m_cycle.delayNs = std::max<int64_t>(time.delay, 0) * time.rate.num * kNsPerSecond /
                           static_cast<int64_t>(time.rate.denom);
+    }
     // The graph's time knows nothing of how late this thread woke up. A daemon that makes up for
     // lost cycles has its clock far behind, though.
     const int64_t startNs =

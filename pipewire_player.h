@@ -27,8 +27,8 @@ struct spa_source;
 //
 // A daemon that goes away (a crash, an upgrade) is waited for without end: the sink keeps its
 // queue, tries to connect again after 100 ms and then ever more rarely, up to every 2 s, and goes
-// on playing from the queue in the same format, active or not as it was. Where there is a daemon
-// but nothing to play to, the sink plays as soon as there is.
+// on where the queue stands. Where there is a daemon but nothing to play to, the sink plays as soon
+// as there is.
 //
 // Its node in the graph is named "tovrel" and carries what desktops show and act on. The user may
 // move it between devices and set its volume, and may say in the environment where it plays
@@ -40,7 +40,7 @@ public:
     // An idle sink: no PipeWire object exists, nothing is allocated.
     PipeWirePlayer();
 
-    // Releases everything, whether Init succeeded or not and whether Destroy ran or not.
+    // As Destroy, which need not have been called.
     ~PipeWirePlayer();
 
     PipeWirePlayer(const PipeWirePlayer&) = delete;
@@ -56,18 +56,18 @@ public:
     // Disconnects from the daemon and drops the queue. A few milliseconds; safe to repeat.
     void Destroy();
 
-    // Starts or holds the stream; a held one takes nothing from the queue from the graph's next
-    // cycle on, and one that starts takes from that cycle on. Takes well under a millisecond.
+    // Starts or holds the stream. A held one takes nothing from the queue any more; one that goes
+    // on takes from the graph's next cycle on, and a new one, with a library from 1.0 on, some 5 ms
+    // after its first. Returns within a millisecond, or a few while a connection is made anew.
     void SetActive(bool active);
 
-    // Discards all queued bytes, and what waits in the stream's own buffers and its resampler. The
-    // cycle that is under way is still heard and still counts in QueuedSeconds. Takes well under a
-    // millisecond.
+    // Drops the queue, and what waits in the stream's own buffers and its resampler. The cycle that
+    // is under way is still heard and still counts in QueuedSeconds. Returns as soon as SetActive.
     void Clear();
 
-    // Appends `size` bytes of whole interleaved frames to the queue and returns at once. The queue
-    // has no limit: callers pace themselves by QueuedSeconds. Throws std::bad_alloc where there is
-    // no memory for a longer queue, which then is as it was.
+    // Queues a copy of `size` bytes, which are whole interleaved frames, and returns at once. How
+    // much is queued is the caller's affair, who asks QueuedSeconds. Throws std::bad_alloc where
+    // there is no memory for a longer queue, which then is as it was.
     void PushBytes(const uint8_t* data, size_t size);
 
     // Bytes that PipeWire has not taken yet.
@@ -78,8 +78,8 @@ public:
     // only, so that a device of great latency does not stop its callers from pushing. Callers treat
     // 0.02 s or less as played out and hold the stream then, which would cut a tail of just that
     // length; so the result stays above 0.02 s until the last frame has been presented, also while
-    // the stream is held, and is 0 from then on. What was on its way to a daemon that is gone
-    // counts as presented.
+    // the stream is held, and is 0 no more than one cycle later. What was on its way to a daemon
+    // that is gone counts as presented.
     double QueuedSeconds() const;
 
     // Writes how many seconds of this stream's material have been presented since Init, by
@@ -153,12 +153,13 @@ private:
     void FillBuffer() noexcept;
     void MeasureCycle() noexcept;
 
-    int m_sampleRate = 0;
+    int m_sampleRate = 0; // these three stay as they are from Init to Destroy
     int m_channels = 0;
     size_t m_bytesPerFrame = 0;
 
-    // The connection. From Init to Destroy all of it is guarded by the lock of the loop, whose
-    // thread replaces core and stream when the daemon was away.
+    // The connection. From Init to Destroy it is guarded by the lock of the loop, whose thread
+    // replaces core and stream when the daemon was away. Only the process callback reads m_stream
+    // without it, as it is called for no longer than that stream exists.
     pw_thread_loop* m_loop = nullptr;
     pw_context* m_context = nullptr;
     pw_core* m_core = nullptr;
@@ -172,7 +173,7 @@ private:
     mutable std::mutex m_audioMutex;
     std::vector<unsigned char> m_audio; // a ring: its size is its capacity
     size_t m_readPos = 0;               // where the oldest queued byte stands in the ring
-    bool m_initialized = false;         // written under the loop's lock, where its thread runs
+    bool m_initialized = false; // changes in Init and Destroy only, beside which nothing else runs
 
     size_t m_queuedBytes = 0;   // bytes of the ring that hold queued audio
     bool m_flushing = false;    // nothing may be taken until the stream has been flushed
@@ -183,14 +184,15 @@ private:
     mutable uint64_t m_toldFrames = 0; // the furthest that GetStreamTime has told
     int64_t m_playedOutNs = 0;         // when all of the taken frames will have been presented
     Cycle m_cycle;
-    int64_t m_linkedByNs = 0; // nothing is taken before
-    bool m_active = false;
+    int64_t m_linkedByNs = 0;  // nothing is taken before
+    bool m_active = false;     // written under both locks, so that either will do for reading it
     int64_t m_heldSinceNs = 0; // while not active
 
     // More of the connection, under the same lock as the rest of it.
     spa_hook* m_coreListener = nullptr;
     spa_source* m_timer = nullptr; // of the next attempt to connect, or look at the stream
+    int64_t m_connectedNs = 0;     // when the connection was made
     int m_retryWaitMs = 0;         // before the next attempt to connect
     bool m_broken = true;          // what there is of a connection is of no use
-    bool m_replaced = false;       // the stream does not run, and is the second that does not
+    int m_stalledLooks = 0;        // how many times in a row the stream was found not running
 };

@@ -709,6 +709,20 @@ TEST(SinkRetries, WaitEverLongerUpToTwoSecondsAndBeginAnewAfterwards)
     EXPECT_TRUE(DrainAsWorkersDo(sink));
 }
 
+// A held sink never plays on its new connection, which starts the waits anew all the same.
+TEST(SinkRetries, BeginAnewAfterAConnectionThatStoodWhileHeld)
+{
+    CountingSink sink(false);
+    const std::vector<double> waits = WaitsAfterDeath(4, kLongestWaitMs);
+    {
+        const NewDaemon daemon;
+        ASSERT_TRUE(WaitUntil([] { return EngineNodeCount() == 1; }));
+        SleepMs(static_cast<int>(kLongestWaitMs) + 200);
+        const std::vector<double> anew = WaitsAfterDeath(2, kLongestWaitMs);
+        EXPECT_LT(anew.back(), waits.back());
+    }
+}
+
 TEST(SinkRetries, OutliveDaemonsThatSayNothingAndDie)
 {
     CountingSink sink;

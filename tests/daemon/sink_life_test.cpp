@@ -82,8 +82,8 @@ TEST_P(SinkTakes, TheEndsOfTheRange)
 }
 
 INSTANTIATE_TEST_SUITE_P(Formats, SinkTakes,
-                         testing::Values(Format{100, 1}, Format{768000, 2}, Format{48000, 64},
-                                         Format{48000, 9}, Format{48000, 8}),
+                         testing::Values(Format{1, 1}, Format{100, 1}, Format{768000, 2},
+                                         Format{48000, 64}, Format{48000, 9}, Format{48000, 8}),
                          [](const auto& format)
                          { return "Number" + std::to_string(format.index); });
 
@@ -193,6 +193,15 @@ TEST(SinkLife, OperationsBeforeInitAndAfterDestroyDoNothing)
     PushFrames(sink, kSound);
     sink.Destroy();
     ExpectClosed(sink);
+}
+
+TEST(SinkLife, ClearBeforeAnyPushIsHarmlessAtTheLowestRate)
+{
+    PipeWirePlayer sink;
+    ASSERT_TRUE(sink.Init(1, 1));
+    sink.SetActive(true);
+    sink.Clear();
+    EXPECT_EQ(sink.QueuedBytes(), 0u);
 }
 
 TEST(SinkLife, EmptyPushesAreIgnored)
