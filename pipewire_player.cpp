@@ -377,7 +377,8 @@ void PipeWirePlayer::OnTimer() noexcept
         m_stalledLooks = leftNs > 0 ? 0 : m_stalledLooks + 1;
         if (m_stalledLooks != kStalledLooks)
         {
-            SetTimer(leftNs > 0 ? leftNs : kStalledLookNs);
+            const bool bSecondLook = m_stalledLooks > 0 && m_stalledLooks < kStalledLooks;
+            SetTimer(leftNs > 0 ? leftNs : bSecondLook ? kStalledLookNs : kStallNs);
             return;
         }
         // No device to play to, perhaps, and one may come at any time. Or a session manager that
