@@ -13,6 +13,7 @@
 #include <dlfcn.h>
 #include <new>
 #include <pthread.h>
+#include <semaphore>
 
 namespace
 {
@@ -320,6 +321,11 @@ void PipeWirePlayer::Disconnect() noexcept
 
 void PipeWirePlayer::OnStateChanged() noexcept
 {
+    {
+        const std::lock_guard lock(m_audioMutex);
+        if (m_flushing)
+            return; // on the data thread, and no more than what a flush tells of itself
+    }
     const pw_stream_state state = pw_stream_get_state(m_stream, nullptr);
     if (state == PW_STREAM_STATE_ERROR || state == PW_STREAM_STATE_UNCONNECTED)
         OnBroken();
@@ -468,40 +474,48 @@ void PipeWirePlayer::Clear()
 {
     if (!m_initialized)
         return;
+    const LoopLock loopLock(m_loop);
     {
         const std::lock_guard lock(m_audioMutex);
         // The place where the next byte goes stays where it is: a push may be under way.
         m_readPos = (m_readPos + m_queuedBytes) % m_audio.size();
         m_queuedBytes = 0;
         // Only a resampler holds anything between two cycles.
-        if (m_cycle.bufferedFrames == 0)
+        if (m_broken || m_cycle.bufferedFrames == 0)
             return;
         ForgetBuffered();
         m_flushing = true; // what is pushed now shall not go the same way
     }
-    {
-        const LoopLock lock(m_loop);
-        if (!m_broken)
-            Flush();
-    }
+    Flush();
     const std::lock_guard lock(m_audioMutex);
     m_flushing = false;
 }
 
 // A flush resets the resampler, which belongs to the data thread: it is made there, between two
 // cycles, while this thread holds the loop's lock in its place for the events that it causes.
+// PipeWire would report a blocking call done in the middle of it, as a flush is such a call itself.
 void PipeWirePlayer::Flush() noexcept
 {
-    const auto flush = [](spa_loop*, bool, uint32_t, const void*, size_t, void* stream)
+    struct Order
     {
-        return pw_stream_flush(static_cast<pw_stream*>(stream), false);
+        pw_stream* stream;
+        std::binary_semaphore done{0};
+    };
+    Order order{m_stream};
+    const auto flush = [](spa_loop*, bool, uint32_t, const void*, size_t, void* userdata)
+    {
+        auto* given = static_cast<Order*>(userdata);
+        const int result = pw_stream_flush(given->stream, false);
+        given->done.release();
+        return result;
     };
 #if PW_CHECK_VERSION(1, 1, 0)
     pw_loop* dataLoop = pw_stream_get_data_loop(m_stream);
 #else
     pw_loop* dataLoop = pw_data_loop_get_loop(pw_context_get_data_loop(m_context));
 #endif
-    pw_loop_invoke(dataLoop, flush, 0, nullptr, 0, true, m_stream);
+    if (pw_loop_invoke(dataLoop, flush, 0, nullptr, 0, false, &order) >= 0)
+        order.done.acquire();
 }
 
 // Makes the ring large enough for `size` more bytes. Only the pushing thread adds bytes, so the
