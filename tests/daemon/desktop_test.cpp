@@ -69,17 +69,6 @@ public:
     }
 };
 
-// An open, active sink.
-class RunningSink : public HeldSink
-{
-public:
-    explicit RunningSink(int sampleRate = kSinkRate, int channels = kSinkChannels) :
-        HeldSink(sampleRate, channels)
-    {
-        SetActive(true);
-    }
-};
-
 // --- What the node tells of itself --------------------------------------------------------------
 
 // What of these properties the node has otherwise, or has not.
@@ -393,13 +382,6 @@ INSTANTIATE_TEST_SUITE_P(
     [](const auto& move) { return move.param.name; });
 
 // --- The desktop's mixer ------------------------------------------------------------------------
-
-constexpr float kConstant = 0.25f;
-
-std::vector<float> ConstantFrames(size_t frames, float level = kConstant)
-{
-    return std::vector<float>(frames * kSinkChannels, level);
-}
 
 std::vector<float> Scaled(std::vector<float> samples, float volume)
 {

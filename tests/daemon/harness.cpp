@@ -1,6 +1,6 @@
 #include "harness.h"
 
-#include "pipewire_player.h"
+#include "tovrel_audio_player.h"
 
 #include <pipewire/pipewire.h>
 #include <spa/param/audio/format-utils.h>
@@ -350,6 +350,15 @@ void ForceQuantum(size_t frames)
     OutputOf({"pw-metadata", "-n", "settings", "0", "clock.force-quantum", std::to_string(frames)});
 }
 
+// The daemon forces no rate that it does not allow, and allows none without its own.
+void ForceRate(int rate)
+{
+    const std::string allowed =
+        "[ " + std::to_string(kSinkRate) + ", " + std::to_string(rate) + " ]";
+    OutputOf({"pw-metadata", "-n", "settings", "0", "clock.allowed-rates", allowed});
+    OutputOf({"pw-metadata", "-n", "settings", "0", "clock.force-rate", std::to_string(rate)});
+}
+
 size_t EngineNodeCount()
 {
     const std::string nodes = OutputOf({"pw-cli", "ls", "Node"});
@@ -690,6 +699,11 @@ testing::AssertionResult HoldsInOrder(const std::vector<float>& recording,
     return testing::AssertionSuccess();
 }
 
+std::vector<float> ConstantFrames(size_t frames, float level)
+{
+    return std::vector<float>(frames * kSinkChannels, level);
+}
+
 double SumOfChannel(const std::vector<float>& recording, size_t channel)
 {
     double sum = 0.0;
@@ -699,7 +713,7 @@ double SumOfChannel(const std::vector<float>& recording, size_t channel)
 }
 
 // ------------------------------------------------------------------------------------------------
-// The sink
+// The sink and the player
 
 void PushFrames(PipeWirePlayer& sink, const std::vector<float>& samples)
 {
@@ -720,4 +734,9 @@ bool DrainAsWorkersDo(PipeWirePlayer& sink)
     }
     sink.SetActive(false);
     return true;
+}
+
+bool WaitForEnd(const TovrelAudioPlayer& player, int everyMs)
+{
+    return WaitUntil([&] { return player.HasFinished(); }, everyMs);
 }

@@ -2,6 +2,8 @@
 // a signal in which every frame is told from every other, and the comparison of the two.
 #pragma once
 
+#include "pipewire_player.h"
+
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -15,7 +17,7 @@
 #include <sys/types.h>
 #include <vector>
 
-class PipeWirePlayer;
+class TovrelAudioPlayer;
 struct pw_context;
 struct pw_stream;
 struct pw_thread_loop;
@@ -173,8 +175,9 @@ private:
     int m_socket = -1;
 };
 
-// Sets the length of the graph's cycle, in frames.
+// Sets the length of the graph's cycle, in frames, and the graph's rate.
 void ForceQuantum(size_t frames);
+void ForceRate(int rate);
 
 // How many nodes of the engine's the daemon knows.
 size_t EngineNodeCount();
@@ -291,6 +294,16 @@ testing::AssertionResult IsComplete(const Heard& heard);
 
 // --- Other material -----------------------------------------------------------------------------
 
+// A constant signal tells by its sum how much of it was heard, whatever a resampler does to its
+// borders and wherever silence stands in it.
+constexpr float kConstant = 0.25f;
+std::vector<float> ConstantFrames(size_t frames, float level = kConstant);
+
+constexpr double Seconds(size_t frames, int rate = kSinkRate)
+{
+    return static_cast<double>(frames) / rate;
+}
+
 // Whether the recording holds these stereo frames in order, each within `tolerance`, but for up to
 // `mayMissAtEnd` frames at their end, with silence allowed anywhere between and around them.
 testing::AssertionResult HoldsInOrder(const std::vector<float>& recording,
@@ -300,9 +313,23 @@ testing::AssertionResult HoldsInOrder(const std::vector<float>& recording,
 // The sum over one channel: how much of a constant signal was heard, wherever silence stands in it.
 double SumOfChannel(const std::vector<float>& recording, size_t channel);
 
-// --- The sink -----------------------------------------------------------------------------------
+// --- The sink and the player --------------------------------------------------------------------
+
+// An open, active sink.
+class RunningSink : public PipeWirePlayer
+{
+public:
+    explicit RunningSink(int sampleRate = kSinkRate, int channels = kSinkChannels)
+    {
+        EXPECT_TRUE(Init(sampleRate, channels));
+        SetActive(true);
+    }
+};
 
 void PushFrames(PipeWirePlayer& sink, const std::vector<float>& samples);
 
 // Lets the queue play to its end as the playback workers do, and deactivates the sink then.
 [[nodiscard]] bool DrainAsWorkersDo(PipeWirePlayer& sink);
+
+// Whether the playback has come to its end by itself.
+[[nodiscard]] bool WaitForEnd(const TovrelAudioPlayer& player, int everyMs = kRarelyMs);

@@ -28,42 +28,11 @@ constexpr size_t kSecond = kSinkRate; // in frames
 constexpr int kCdRate = 44100;
 constexpr int kEndPollMs = 5; // of a play that lasts a twentieth of a second
 
-[[nodiscard]] bool WaitForEnd(const TovrelAudioPlayer& player)
-{
-    return WaitUntil([&] { return player.HasFinished(); }, kEndPollMs);
-}
-
-// The daemon forces no rate that it does not allow, and allows none without its own.
-void ForceRate(int rate)
-{
-    const std::string allowed =
-        "[ " + std::to_string(kSinkRate) + ", " + std::to_string(rate) + " ]";
-    OutputOf({"pw-metadata", "-n", "settings", "0", "clock.allowed-rates", allowed});
-    OutputOf({"pw-metadata", "-n", "settings", "0", "clock.force-rate", std::to_string(rate)});
-}
-
-// An open, active sink.
-class RunningSink : public PipeWirePlayer
-{
-public:
-    explicit RunningSink(int sampleRate = kSinkRate)
-    {
-        EXPECT_TRUE(Init(sampleRate, kSinkChannels));
-        SetActive(true);
-    }
-};
-
 // --- A constant signal that changes its sign ----------------------------------------------------
 
 // What a resampler makes of a frame cannot be told apart from its neighbours. The sum of a constant
 // signal still tells how many were heard, and the sign which play they belong to.
-constexpr float kConstant = 0.25f;
 constexpr float kLoud = 0.05f; // beyond what a resampler rings with on the other side of zero
-
-std::vector<float> ConstantFrames(size_t frames, float level = kConstant)
-{
-    return std::vector<float>(frames * kSinkChannels, level);
-}
 
 float SignOfPlay(size_t play)
 {
@@ -188,7 +157,7 @@ TEST_P(LosslessPlays, InARowAreHeardBitForBitFromFirstFrameToLast)
         const size_t length = LengthOfPlay(play);
         ASSERT_TRUE(
             player.PlayPcm(IndexedFramesFor(format, next, length), format.rate, format.channels));
-        ASSERT_TRUE(WaitForEnd(player));
+        ASSERT_TRUE(WaitForEnd(player, kEndPollMs));
         next += length;
     }
     const std::vector<float> recorded = recording.Finish();
@@ -213,7 +182,7 @@ TEST(LosslessPlaysResampled, InARowAreHeardFromFirstFrameToLast)
         ASSERT_TRUE(player.PlayPcm(
             ConstantFrames(kShortest + LengthOfPlay(play), SignOfPlay(play) * kConstant), kCdRate,
             kSinkChannels));
-        ASSERT_TRUE(WaitForEnd(player));
+        ASSERT_TRUE(WaitForEnd(player, kEndPollMs));
     }
     const std::vector<Burst> bursts = BurstsIn(recording.Finish(), kCdRate, kSinkRate);
     ASSERT_EQ(bursts.size(), kPlays);
@@ -257,7 +226,7 @@ TEST(LosslessPauses, OfThePlayerAtRandomMomentsLoseAndRepeatNothing)
     ASSERT_TRUE(
         player.PlayPcm(IndexedFrames(0, kPausedSeconds * kSecond), kSinkRate, kSinkChannels));
     PauseAtRandom([&](bool bPaused) { player.SetPaused(bPaused); });
-    ASSERT_TRUE(WaitForEnd(player));
+    ASSERT_TRUE(WaitForEnd(player, kEndPollMs));
     const Heard heard = FindIndexed(recording.Finish(), 0, kPausedSeconds * kSecond);
     EXPECT_TRUE(IsComplete(heard));
     EXPECT_GE(heard.gaps, size_t{kPauses} / 4);
@@ -372,7 +341,7 @@ TEST(LosslessPausesResampled, OfThePlayerAtRandomMomentsLoseAndRepeatNothing)
     ASSERT_TRUE(
         player.PlayPcm(CountedTone(kPausedSeconds * kCdRate, kCdRate), kCdRate, kSinkChannels));
     PauseAtRandom([&](bool bPaused) { player.SetPaused(bPaused); });
-    ASSERT_TRUE(WaitForEnd(player));
+    ASSERT_TRUE(WaitForEnd(player, kEndPollMs));
     ExpectWholeTone(recording.Finish(), kPausedSeconds * kCdRate, kCdRate);
 }
 
@@ -508,7 +477,7 @@ TEST(LosslessEnds, OfOneStoppedPlayLeaveNoResidueInTheNextOfTheSamePlayer)
                                    kCdRate, kSinkChannels));
         if (round % 2 == 0)
         {
-            ASSERT_TRUE(WaitForEnd(player));
+            ASSERT_TRUE(WaitForEnd(player, kEndPollMs));
         }
         else
         {
@@ -530,7 +499,7 @@ size_t PlayInARow(const std::vector<size_t>& lengths)
     for (const size_t length : lengths)
     {
         EXPECT_TRUE(player.PlayPcm(IndexedFrames(next, length), kSinkRate, kSinkChannels));
-        EXPECT_TRUE(WaitForEnd(player));
+        EXPECT_TRUE(WaitForEnd(player, kEndPollMs));
         next += length;
     }
     return next;
@@ -570,7 +539,7 @@ TEST_P(LosslessAtGraphRate, StreamOfTheSameRateIsHeardBitForBit)
     MonitorRecording recording("null-sink", GetParam());
     TovrelAudioPlayer player;
     ASSERT_TRUE(player.PlayPcm(IndexedFrames(0, kFrames), GetParam(), kSinkChannels));
-    ASSERT_TRUE(WaitForEnd(player));
+    ASSERT_TRUE(WaitForEnd(player, kEndPollMs));
     EXPECT_TRUE(IsComplete(FindIndexed(recording.Finish(), 0, kFrames)));
 }
 
@@ -586,7 +555,7 @@ TEST_P(LosslessAtGraphRate, StreamsOfOtherRatesAreHeardToTheLastFrame)
         MonitorRecording recording("null-sink", GetParam());
         TovrelAudioPlayer player;
         ASSERT_TRUE(player.PlayPcm(ConstantFrames(kFrames), rate, kSinkChannels));
-        ASSERT_TRUE(WaitForEnd(player));
+        ASSERT_TRUE(WaitForEnd(player, kEndPollMs));
         const std::vector<Burst> bursts = BurstsIn(recording.Finish(), rate, GetParam());
         ASSERT_EQ(bursts.size(), 1u);
         std::cout << "of " << kFrames << " frames at " << rate << " Hz heard " << bursts[0].frames
@@ -642,7 +611,7 @@ TEST(LosslessOnABusyMachine, BufferIsHeardFromFirstFrameToLast)
     {
         const BusyMachine busy;
         ASSERT_TRUE(player.PlayPcm(IndexedFrames(0, kBusyFrames), kSinkRate, kSinkChannels));
-        ASSERT_TRUE(WaitForEnd(player));
+        ASSERT_TRUE(WaitForEnd(player, kEndPollMs));
     }
     EXPECT_TRUE(IsComplete(FindIndexed(recording.Finish(), 0, kBusyFrames)));
 }
@@ -658,7 +627,7 @@ TEST(LosslessOnABusyMachine, FileIsHeardFromFirstFrameToLast)
     {
         const BusyMachine busy;
         player.PlayFile(path);
-        ASSERT_TRUE(WaitForEnd(player));
+        ASSERT_TRUE(WaitForEnd(player, kEndPollMs));
     }
     EXPECT_EQ(player.LastError(), "");
     EXPECT_TRUE(IsComplete(FindIndexed(recording.Finish(), 0, kBusyFrames)));

@@ -21,11 +21,6 @@ constexpr const char* kNoOutput = "Failed to initialize PipeWire audio output.";
 constexpr std::chrono::milliseconds kInitLimit{2000}; // what a Stop in the middle of it waits for
 constexpr std::chrono::milliseconds kAtOnce{200};     // any other Stop
 
-[[nodiscard]] bool WaitForEnd(const TovrelAudioPlayer& player)
-{
-    return WaitUntil([&] { return player.HasFinished(); });
-}
-
 bool PlaySeconds(TovrelAudioPlayer& player, size_t seconds)
 {
     return player.PlayPcm(IndexedFrames(0, seconds * kSinkRate), kSinkRate, kSinkChannels);

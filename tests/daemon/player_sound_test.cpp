@@ -17,11 +17,6 @@ namespace
 
 constexpr size_t kSecond = kSinkRate; // in frames
 
-[[nodiscard]] bool WaitForEnd(const TovrelAudioPlayer& player)
-{
-    return WaitUntil([&] { return player.HasFinished(); });
-}
-
 void PlayIndexed(TovrelAudioPlayer& player, size_t first, size_t count)
 {
     ASSERT_TRUE(player.PlayPcm(IndexedFrames(first, count), kSinkRate, kSinkChannels));

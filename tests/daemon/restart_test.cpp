@@ -172,11 +172,6 @@ private:
     size_t m_pushed = 0;
 };
 
-double Seconds(size_t frames)
-{
-    return static_cast<double>(frames) / kSinkRate;
-}
-
 // From its first frame on, whatever comes before or after it.
 testing::AssertionResult IsInOrder(const Heard& heard)
 {
@@ -367,7 +362,6 @@ class FormatOverRestart : public testing::TestWithParam<FormatCase>
 // place which channel it is.
 TEST_P(FormatOverRestart, ComesBackTheSame)
 {
-    constexpr float kConstant = 0.25f;
     const auto [rate, channels, bActive] = GetParam();
     const size_t frames = static_cast<size_t>(rate);
     const size_t samplesPerFrame = static_cast<size_t>(channels);
@@ -1007,11 +1001,6 @@ std::string IndexedFile(size_t frames)
     RunFfmpeg({"-f", "f32le", "-ar", std::to_string(kSinkRate), "-ac", "2", "-i",
                RuntimePath("indexed.f32"), "-c:a", "pcm_f32le", path});
     return path;
-}
-
-[[nodiscard]] bool WaitForEnd(const TovrelAudioPlayer& player)
-{
-    return WaitUntil([&] { return player.HasFinished(); });
 }
 
 // Returns in mid-play.

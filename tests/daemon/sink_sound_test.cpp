@@ -16,17 +16,6 @@
 namespace
 {
 
-// An open, active sink.
-class RunningSink : public PipeWirePlayer
-{
-public:
-    explicit RunningSink(int sampleRate = kSinkRate, int channels = kSinkChannels)
-    {
-        EXPECT_TRUE(Init(sampleRate, channels));
-        SetActive(true);
-    }
-};
-
 // Around every border of the end rule (960 frames) and of the graph's cycle (1024).
 const std::vector<size_t> kLengths = {1,    2,    100,  480,  511,  512,  513,
                                       959,  960,  961,  1023, 1024, 1025, 1983,
@@ -211,10 +200,6 @@ TEST(SinkSound, QueuedSecondsCountsDownToZeroWithTheClock)
 }
 
 // --- Other rates and channels -------------------------------------------------------------------
-
-// A constant signal tells by its sum how much of it was heard, whatever a resampler does to its
-// borders and wherever silence was inserted.
-constexpr float kConstant = 0.25f;
 
 double HeardFrames(const std::vector<float>& recorded, int sampleRate, size_t channel)
 {

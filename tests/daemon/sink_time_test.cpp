@@ -41,16 +41,7 @@ int64_t MonotonicNs()
         .count();
 }
 
-double Seconds(size_t frames, int rate = kSinkRate)
-{
-    return static_cast<double>(frames) / rate;
-}
-
 // --- The material -------------------------------------------------------------------------------
-
-// A constant signal tells by its sum how much of it was heard, whatever a resampler does to its
-// borders and wherever silence stands in it.
-constexpr float kConstant = 0.25f;
 
 // It stands in one channel: the left one of the recording for channel 0, the right one for 1.
 std::vector<float> Constant(size_t frames, int channels = kSinkChannels, size_t channel = 0)
@@ -63,17 +54,6 @@ std::vector<float> Constant(size_t frames, int channels = kSinkChannels, size_t 
 
 // PipeWire's resampler has a gain that is off by a part in ten thousand.
 constexpr double kGainTolerance = 0.0001;
-
-// An open, active sink.
-class RunningSink : public PipeWirePlayer
-{
-public:
-    explicit RunningSink(int sampleRate = kSinkRate, int channels = kSinkChannels)
-    {
-        EXPECT_TRUE(Init(sampleRate, channels));
-        SetActive(true);
-    }
-};
 
 [[nodiscard]] bool WaitUntilPlayedOut(const PipeWirePlayer& sink)
 {
@@ -250,15 +230,6 @@ Errors ErrorsOf(const std::vector<Sample>& samples, const HeardClock& heard)
 }
 
 // --- The position against the recording ---------------------------------------------------------
-
-// The daemon forces no rate upon its graph that it has not been allowed before.
-void ForceRate(int rate)
-{
-    const std::string number = std::to_string(rate);
-    OutputOf(
-        {"pw-metadata", "-n", "settings", "0", "clock.allowed-rates", "[ 44100, 48000, 96000 ]"});
-    OutputOf({"pw-metadata", "-n", "settings", "0", "clock.force-rate", number});
-}
 
 struct TimeCase
 {
