@@ -9,9 +9,15 @@ using testing::MatchesRegex;
 namespace
 {
 
+// Not std::time, whose clock is coarse: for some milliseconds it still tells the last second.
+std::time_t SystemTime()
+{
+    return std::chrono::system_clock::to_time_t(std::chrono::system_clock::now());
+}
+
 std::string LocalTime()
 {
-    const std::time_t now = std::time(nullptr);
+    const std::time_t now = SystemTime();
     std::tm local{};
     localtime_r(&now, &local);
     char text[16] = {};
@@ -249,7 +255,7 @@ TEST_F(Description, TimeIsLocal)
     tzset();
     const auto shifted = []
     {
-        const std::time_t east = std::time(nullptr) + (5 * 60 + 17) * 60;
+        const std::time_t east = SystemTime() + (5 * 60 + 17) * 60;
         std::tm utc{};
         gmtime_r(&east, &utc);
         char text[16] = {};
