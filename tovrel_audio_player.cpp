@@ -6,6 +6,7 @@
 #include "pipewire_player.h"
 
 #include <algorithm>
+#include <bit>
 #include <chrono>
 #include <climits>
 #include <cmath>
@@ -15,9 +16,16 @@
 #include <filesystem>
 #include <fstream>
 #include <initializer_list>
+#include <limits>
 #include <locale.h>
 #include <new>
+#include <sys/mman.h>
+#include <unistd.h>
 #include <utility>
+
+#if defined(__x86_64__)
+#include <immintrin.h>
+#endif
 
 extern "C"
 {
@@ -445,6 +453,270 @@ struct PeakingBiquad
     }
 };
 
+using PeakingCascade = std::array<PeakingBiquad, TovrelAudioPlayer::EqualizerBandCount>;
+
+// What the equalizer is defined to be: each sample passes through all bands, one after the other.
+void RunInTurn(PeakingCascade& Filters, float* Samples, int SampleCount, int Channels)
+{
+    for (int i = 0; i < SampleCount; ++i)
+    {
+        for (int ch = 0; ch < Channels; ++ch, ++Samples)
+        {
+            for (PeakingBiquad& filter : Filters)
+                *Samples = filter.Process(*Samples, ch);
+        }
+    }
+}
+
+#if defined(__x86_64__)
+
+// The same for stereo, to the bit, in a fraction of the time. All that a band needs for a frame is
+// its own history and what the band before it has made of that frame. So the bands can work side by
+// side, in the lanes of vectors, if each is one frame behind the band before it:
+//
+//     step 9:   frame 9 in band 0,   frame 8 in band 1,  ...  frame 0 in band 9
+//     step 10:  frame 10 in band 0,  frame 9 in band 1,  ...  frame 1 in band 9
+//
+// What a lane calculates is what the band does in turn, operation by operation. The corners that no
+// such step covers, the first frames of a block in the first bands and its last frames in the last
+// bands, are run in turn. A frame on its way stands in its place in the block, as far as it has
+// come, so nothing is delayed: after each block every band has seen all of it.
+constexpr ptrdiff_t kBands = TovrelAudioPlayer::EqualizerBandCount;
+constexpr ptrdiff_t kLanesPerVector = 4; // left and right of band k, left and right of band k + 5
+constexpr ptrdiff_t kVectors = kBands * kEqualizerChannels / kLanesPerVector;
+
+constexpr ptrdiff_t LaneOf(ptrdiff_t band, ptrdiff_t ch)
+{
+    return band % kVectors * kLanesPerVector + band / kVectors * kEqualizerChannels + ch;
+}
+
+struct CascadeLanes
+{
+    using Lanes = double[kVectors * kLanesPerVector];
+    alignas(32) Lanes B0, B1, B2, A1, A2, Z1, Z2;
+    alignas(32) Lanes Input; // of the next step
+
+    // `Next` is the first frame that has not been in any band yet.
+    CascadeLanes(const PeakingCascade& Filters, const float* Next)
+    {
+        for (ptrdiff_t band = 0; band < kBands; ++band)
+        {
+            const PeakingBiquad& filter = Filters[band];
+            for (ptrdiff_t ch = 0; ch < kEqualizerChannels; ++ch)
+            {
+                const ptrdiff_t lane = LaneOf(band, ch);
+                B0[lane] = filter.B0;
+                B1[lane] = filter.B1;
+                B2[lane] = filter.B2;
+                A1[lane] = filter.A1;
+                A2[lane] = filter.A2;
+                Z1[lane] = filter.Z1[ch];
+                Z2[lane] = filter.Z2[ch];
+                Input[lane] = *(Next - band * kEqualizerChannels + ch);
+            }
+        }
+    }
+
+    // `End` is the end of the block, and of the steps.
+    void Store(PeakingCascade& Filters, float* End) const
+    {
+        for (ptrdiff_t band = 0; band < kBands; ++band)
+        {
+            for (ptrdiff_t ch = 0; ch < kEqualizerChannels; ++ch)
+            {
+                const ptrdiff_t lane = LaneOf(band, ch);
+                Filters[band].Z1[ch] = Z1[lane];
+                Filters[band].Z2[ch] = Z2[lane];
+                if (band > 0)
+                    *(End - band * kEqualizerChannels + ch) = static_cast<float>(Input[lane]);
+            }
+        }
+    }
+};
+
+// How far the last band is behind the first one.
+constexpr ptrdiff_t kFloatsBehind = (kBands - 1) * kEqualizerChannels;
+
+__m128 LoadFrame(const float* Frame)
+{
+    return _mm_loadl_pi(_mm_setzero_ps(), reinterpret_cast<const __m64*>(Frame));
+}
+
+// One step for each frame from `Frame` on. Within a step the bands go downwards: each leaves its
+// output where the one behind it has just taken its input.
+void RunStepsSse2(CascadeLanes& Lanes, float* Frame, const float* End)
+{
+    const __m128d low = _mm_set1_pd(-kEqualizerOutputLimit);
+    const __m128d high = _mm_set1_pd(kEqualizerOutputLimit);
+    for (; Frame != End; Frame += kEqualizerChannels)
+    {
+        _mm_store_pd(&Lanes.Input[0], _mm_cvtps_pd(LoadFrame(Frame)));
+#pragma GCC unroll 10
+        for (ptrdiff_t band = kBands - 1; band >= 0; --band)
+        {
+            const ptrdiff_t at = LaneOf(band, 0);
+            const __m128d x = _mm_load_pd(&Lanes.Input[at]);
+            const __m128d out = _mm_load_pd(&Lanes.B0[at]) * x + _mm_load_pd(&Lanes.Z1[at]);
+            _mm_store_pd(&Lanes.Z1[at], _mm_load_pd(&Lanes.B1[at]) * x -
+                                            _mm_load_pd(&Lanes.A1[at]) * out +
+                                            _mm_load_pd(&Lanes.Z2[at]));
+            _mm_store_pd(&Lanes.Z2[at],
+                         _mm_load_pd(&Lanes.B2[at]) * x - _mm_load_pd(&Lanes.A2[at]) * out);
+            const __m128 made = _mm_cvtpd_ps(_mm_min_pd(high, _mm_max_pd(low, out)));
+            if (band + 1 < kBands)
+                _mm_store_pd(&Lanes.Input[LaneOf(band + 1, 0)], _mm_cvtps_pd(made));
+            else
+                _mm_storel_pi(reinterpret_cast<__m64*>(Frame - kFloatsBehind), made);
+        }
+    }
+}
+
+// The same with two bands, k and k + 5, in one vector.
+[[gnu::target("avx2")]] void RunStepsAvx2(CascadeLanes& Lanes, float* Frame, const float* End)
+{
+    __m256d input[kVectors];
+    __m256d z1[kVectors];
+    __m256d z2[kVectors];
+#pragma GCC unroll 5
+    for (ptrdiff_t k = 0; k < kVectors; ++k)
+    {
+        input[k] = _mm256_load_pd(&Lanes.Input[k * kLanesPerVector]);
+        z1[k] = _mm256_load_pd(&Lanes.Z1[k * kLanesPerVector]);
+        z2[k] = _mm256_load_pd(&Lanes.Z2[k * kLanesPerVector]);
+    }
+    const __m256d low = _mm256_set1_pd(-kEqualizerOutputLimit);
+    const __m256d high = _mm256_set1_pd(kEqualizerOutputLimit);
+    __m128 last = _mm_cvtpd_ps(_mm256_extractf128_pd(input[0], 1)); // what bands 4 and 9 made
+    for (; Frame != End; Frame += kEqualizerChannels)
+    {
+        input[0] = _mm256_cvtps_pd(_mm_movelh_ps(LoadFrame(Frame), last));
+#pragma GCC unroll 5
+        for (ptrdiff_t k = kVectors - 1; k >= 0; --k)
+        {
+            const ptrdiff_t at = k * kLanesPerVector;
+            const __m256d x = input[k];
+            const __m256d out = _mm256_load_pd(&Lanes.B0[at]) * x + z1[k];
+            z1[k] = _mm256_load_pd(&Lanes.B1[at]) * x - _mm256_load_pd(&Lanes.A1[at]) * out + z2[k];
+            z2[k] = _mm256_load_pd(&Lanes.B2[at]) * x - _mm256_load_pd(&Lanes.A2[at]) * out;
+            const __m128 made = _mm256_cvtpd_ps(_mm256_min_pd(high, _mm256_max_pd(low, out)));
+            if (k + 1 < kVectors)
+                input[k + 1] = _mm256_cvtps_pd(made);
+            else
+                last = made;
+        }
+        _mm_storeh_pi(reinterpret_cast<__m64*>(Frame - kFloatsBehind), last);
+    }
+    input[0] = _mm256_cvtps_pd(_mm_movelh_ps(last, last));
+#pragma GCC unroll 5
+    for (ptrdiff_t k = 0; k < kVectors; ++k)
+    {
+        _mm256_store_pd(&Lanes.Input[k * kLanesPerVector], input[k]);
+        _mm256_store_pd(&Lanes.Z1[k * kLanesPerVector], z1[k]);
+        _mm256_store_pd(&Lanes.Z2[k * kLanesPerVector], z2[k]);
+    }
+}
+
+using RunSteps = void (*)(CascadeLanes&, float*, const float*);
+
+// Runs a stereo block. Where it is shorter than the bands are many no step has all of them.
+void RunSideBySide(PeakingCascade& Filters, float* Samples, int SampleCount, RunSteps runSteps)
+{
+    if (SampleCount < kBands)
+        return RunInTurn(Filters, Samples, SampleCount, kEqualizerChannels);
+
+    const auto runBands = [&](float* frame, ptrdiff_t first, ptrdiff_t end)
+    {
+        for (int ch = 0; ch < kEqualizerChannels; ++ch)
+        {
+            for (ptrdiff_t band = first; band < end; ++band)
+                frame[ch] = Filters[band].Process(frame[ch], ch);
+        }
+    };
+    float* const end = Samples + static_cast<ptrdiff_t>(SampleCount) * kEqualizerChannels;
+    float* const next = Samples + kFloatsBehind;
+    for (ptrdiff_t i = 0; i < kBands - 1; ++i)
+        runBands(Samples + i * kEqualizerChannels, 0, kBands - 1 - i);
+    CascadeLanes lanes(Filters, next);
+    runSteps(lanes, next, end);
+    lanes.Store(Filters, end);
+    for (ptrdiff_t band = kBands - 1; band > 0; --band)
+        runBands(end - band * kEqualizerChannels, band, kBands);
+}
+
+// Runs the channels of one history, the first channel or all others, as the left one of a stereo
+// block whose right one is silent.
+void RunHistory(PeakingCascade& Filters, int History, float* Samples, int SampleCount, int Channels,
+                RunSteps runSteps)
+{
+    const int width = History == 0 ? 1 : Channels - 1;
+    const auto sampleAt = [&](ptrdiff_t i) -> float&
+    {
+        return Samples[i / width * Channels + History + i % width];
+    };
+    PeakingCascade alone = Filters;
+    for (PeakingBiquad& filter : alone)
+    {
+        filter.Z1 = {filter.Z1[History], 0.0};
+        filter.Z2 = {filter.Z2[History], 0.0};
+    }
+
+    constexpr ptrdiff_t blockFrames = 512;
+    std::array<float, blockFrames * kEqualizerChannels> block{};
+    const ptrdiff_t count = static_cast<ptrdiff_t>(SampleCount) * width;
+    for (ptrdiff_t first = 0; first < count; first += blockFrames)
+    {
+        const ptrdiff_t frames = std::min(count - first, blockFrames);
+        for (ptrdiff_t i = 0; i < frames; ++i)
+            block[i * kEqualizerChannels] = sampleAt(first + i);
+        RunSideBySide(alone, block.data(), static_cast<int>(frames), runSteps);
+        for (ptrdiff_t i = 0; i < frames; ++i)
+            sampleAt(first + i) = block[i * kEqualizerChannels];
+    }
+
+    for (ptrdiff_t band = 0; band < kBands; ++band)
+    {
+        Filters[band].Z1[History] = alone[band].Z1[0];
+        Filters[band].Z2[History] = alone[band].Z2[0];
+    }
+}
+
+// Whether the arithmetic stays with numbers. Of two that are none, which one an addition passes on
+// is the compiler's choice, made anew wherever the addition is written.
+bool IsFinite(const PeakingCascade& Filters, const float* Samples, size_t count)
+{
+    int32_t largest = 0; // magnitude, as bits: those of infinity and NaN are above all others
+    for (size_t i = 0; i < count; ++i)
+        largest = std::max(largest, std::bit_cast<int32_t>(Samples[i]) & INT32_MAX);
+    return largest < std::bit_cast<int32_t>(std::numeric_limits<float>::infinity()) &&
+           std::all_of(Filters.begin(), Filters.end(),
+                       [](const PeakingBiquad& filter) {
+                           return std::isfinite(filter.B0 + filter.Z1[0] + filter.Z1[1] +
+                                                filter.Z2[0] + filter.Z2[1]);
+                       });
+}
+
+void RunCascade(PeakingCascade& Filters, float* Samples, int SampleCount, int Channels)
+{
+    static const RunSteps runSteps = __builtin_cpu_supports("avx2") ? RunStepsAvx2 : RunStepsSse2;
+    const auto count = static_cast<size_t>(SampleCount) * static_cast<size_t>(Channels);
+    if (SampleCount < kBands || !IsFinite(Filters, Samples, count))
+        return RunInTurn(Filters, Samples, SampleCount, Channels);
+    if (Channels == kEqualizerChannels)
+        return RunSideBySide(Filters, Samples, SampleCount, runSteps);
+    RunHistory(Filters, 0, Samples, SampleCount, Channels, runSteps);
+    if (Channels > 1)
+        RunHistory(Filters, 1, Samples, SampleCount, Channels, runSteps);
+}
+
+#else
+
+void RunCascade(PeakingCascade& Filters, float* Samples, int SampleCount, int Channels)
+{
+    RunInTurn(Filters, Samples, SampleCount, Channels);
+}
+
+#endif
+
 } // namespace
 
 void TovrelAudioPlayer::ApplyEqualizer(float* Samples, int SampleCount, int Channels,
@@ -467,7 +739,7 @@ void TovrelAudioPlayer::ApplyEqualizer(float* Samples, int SampleCount, int Chan
         return; // the history stays as it is
 
     // Every playback runs on a thread of its own, so each starts unconfigured and silent.
-    thread_local std::array<PeakingBiquad, EqualizerBandCount> filters;
+    thread_local PeakingCascade filters;
     thread_local std::array<double, EqualizerBandCount> lastGains{};
     thread_local int lastSampleRate = 0;
     thread_local bool bConfigured = false;
@@ -480,17 +752,7 @@ void TovrelAudioPlayer::ApplyEqualizer(float* Samples, int SampleCount, int Chan
         bConfigured = true;
     }
 
-    float* sample = Samples;
-    for (int i = 0; i < SampleCount; ++i)
-    {
-        for (int ch = 0; ch < Channels; ++ch, ++sample)
-        {
-            float value = *sample;
-            for (PeakingBiquad& filter : filters)
-                value = filter.Process(value, ch);
-            *sample = value;
-        }
-    }
+    RunCascade(filters, Samples, SampleCount, Channels);
 }
 
 void TovrelAudioPlayer::ApplyGainAndPan(float* Samples, int SampleCount, int Channels,
@@ -541,17 +803,19 @@ void TovrelAudioPlayer::CaptureSpectrumSamples(const float* Samples, int SampleC
 
     constexpr int maxSamples = 2048;
     const int start = std::max(SampleCount - maxSamples, 0);
-    std::vector<float> mono;
-    mono.reserve(static_cast<size_t>(std::min(SampleCount, maxSamples)));
+    // What comes back from the exchange serves the worker's next block: it allocates none in steady
+    // state.
+    thread_local std::vector<float> mono;
+    mono.resize(static_cast<size_t>(SampleCount - start));
     const float* sample = Samples + static_cast<ptrdiff_t>(start) * Channels;
-    for (int i = start; i < SampleCount; ++i)
+    for (float& mixed : mono)
     {
         float sum = 0.0f;
         for (int ch = 0; ch < Channels; ++ch)
             sum += *sample++;
-        mono.push_back(sum / static_cast<float>(Channels));
+        mixed = sum / static_cast<float>(Channels);
     }
-    const std::lock_guard lock(SpectrumMutex); // released before the old samples are freed
+    const std::lock_guard lock(SpectrumMutex);
     SpectrumSamples.swap(mono);
 }
 
@@ -633,6 +897,15 @@ int64_t SeekCachedFile(void* Opaque, int64_t Offset, int Whence)
     return target;
 }
 
+// Touching new memory page by page takes three times as long as reading a file into it. Where the
+// kernel does not heed the advice nothing is lost.
+void PreferHugePages(void* Memory, size_t Size)
+{
+    const auto pageBytes = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+    if (std::align(pageBytes, pageBytes, Memory, Size))
+        (void)madvise(Memory, Size, MADV_HUGEPAGE);
+}
+
 } // namespace
 
 TovrelAudioCachedFileInput::~TovrelAudioCachedFileInput()
@@ -677,6 +950,8 @@ bool TovrelAudioPlayer::LoadFileIntoCache(const std::string& Path,
     bool bRead = false;
     try
     {
+        Cache.Bytes.reserve(fileSize);
+        PreferHugePages(Cache.Bytes.data(), fileSize);
         Cache.Bytes.resize(fileSize);
         in.read(reinterpret_cast<char*>(Cache.Bytes.data()),
                 static_cast<std::streamsize>(fileSize));

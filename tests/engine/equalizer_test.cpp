@@ -1,4 +1,5 @@
 // The ten-band equalizer against its formulae and against its mathematics.
+#include "plain_equalizer.h"
 #include "playback.h"
 
 #include <algorithm>
@@ -6,72 +7,11 @@
 #include <cmath>
 #include <complex>
 #include <limits>
+#include <random>
 #include <thread>
 
 namespace
 {
-
-constexpr double kTwoPi = 6.283185307179586;
-constexpr double kFrequenciesHz[10] = {31, 62, 125, 250, 500, 1000, 2000, 4000, 8000, 16000};
-
-// A plain rendering of one band, to be met bit for bit.
-struct PlainBand
-{
-    double b0, b1, b2, a1, a2;
-    double z1[2] = {0, 0};
-    double z2[2] = {0, 0};
-
-    PlainBand(double rate, double hz, double dB)
-    {
-        const double nyquist = std::max(rate * 0.5, 1.0);
-        const double freq = std::min(std::max(hz, 1.0), nyquist * 0.94);
-        const double a = std::pow(10.0, dB / 40.0);
-        const double omega = freq * kTwoPi / rate;
-        const double alpha = std::sin(omega) / 2.3;
-        const double a0 = 1.0 + alpha / a;
-        b0 = (1.0 + alpha * a) / a0;
-        b1 = (-2.0 * std::cos(omega)) / a0;
-        b2 = (1.0 - alpha * a) / a0;
-        a1 = (-2.0 * std::cos(omega)) / a0;
-        a2 = (1.0 - alpha / a) / a0;
-    }
-
-    float Process(float sample, int channel)
-    {
-        const int ch = channel > 1 ? 1 : channel;
-        const double x = sample;
-        const double out = b0 * x + z1[ch];
-        z1[ch] = b1 * x - a1 * out + z2[ch];
-        z2[ch] = b2 * x - a2 * out;
-        return static_cast<float>(out < -4.0 ? -4.0 : out > 4.0 ? 4.0 : out);
-    }
-
-    double MagnitudeDb(double hz, double rate) const
-    {
-        const std::complex<double> z = std::polar(1.0, -kTwoPi * hz / rate);
-        return 20.0 *
-               std::log10(std::abs((b0 + b1 * z + b2 * z * z) / (1.0 + a1 * z + a2 * z * z)));
-    }
-};
-
-struct PlainEqualizer
-{
-    std::vector<PlainBand> bands;
-
-    PlainEqualizer(double rate, const std::array<double, 10>& gains)
-    {
-        for (size_t band = 0; band < 10; ++band)
-            bands.emplace_back(rate, kFrequenciesHz[band], gains[band]);
-    }
-
-    std::vector<float> Run(std::vector<float> samples, int channels)
-    {
-        for (size_t i = 0; i < samples.size(); ++i)
-            for (PlainBand& band : bands)
-                samples[i] = band.Process(samples[i], static_cast<int>(i) % channels);
-        return samples;
-    }
-};
 
 std::vector<uint32_t> Bits(const std::vector<float>& samples)
 {
@@ -162,6 +102,139 @@ TEST_F(Equalizer, BitForBitTheFormulae)
     }
 }
 
+namespace
+{
+
+// What files and faulty decoders may hold: sound, silence, far too loud, next to nothing, and, in
+// one sample of `one in`, no number at all.
+std::vector<float> Anything(std::mt19937& random, size_t frames, unsigned oneIn = 0)
+{
+    std::vector<float> samples(frames * 2);
+    unsigned long kind = 0;
+    for (float& sample : samples)
+    {
+        if (random() % 64 == 0)
+            kind = random() % 5;
+        const float noise = static_cast<float>(static_cast<int32_t>(random())) / 2147483648.0f;
+        sample = kind == 0   ? noise
+                 : kind == 1 ? noise * 20.0f
+                 : kind == 2 ? noise * 3e38f
+                 : kind == 3 ? noise * 1e-39f // denormal
+                             : std::copysign(0.0f, noise);
+        if (oneIn > 0 && random() % oneIn == 0)
+            sample =
+                std::bit_cast<float>(static_cast<uint32_t>((random() & 0x807FFFFFu) | 0x7F800000u));
+    }
+    return samples;
+}
+
+// Blocks of every length up to where the last of the ten bands has left its corner twice, and those
+// that playbacks use.
+std::vector<size_t> BlockLengths()
+{
+    std::vector<size_t> lengths{64, 480, 513, 1024, 4096};
+    for (size_t frames = 1; frames <= 30; ++frames)
+        lengths.push_back(frames);
+    return lengths;
+}
+
+} // namespace
+
+TEST_F(Equalizer, EveryFormGivesTheBitsOfThePlainLoop)
+{
+    std::mt19937 random(1);
+    for (const Internals::EqualizerForm form : Internals::EqualizerForms())
+    {
+        for (const int rate : {8000, 44100, 48000})
+        {
+            Internals::EqualizerCascade cascade(rate, gains);
+            PlainEqualizer plain(rate, gains);
+            for (const size_t frames : BlockLengths())
+            {
+                std::vector<float> samples = Anything(random, frames);
+                const std::vector<float> expected = plain.Run(samples, 2);
+                cascade.Run(form, samples.data(), static_cast<int>(frames));
+                ASSERT_EQ(Bits(samples), Bits(expected))
+                    << "form " << static_cast<int>(form) << ", " << frames << " frames";
+            }
+        }
+    }
+}
+
+TEST_F(Equalizer, BlocksOfAnyLengthAreOneStream)
+{
+    std::mt19937 random(2);
+    OnNewThread(
+        [&]
+        {
+            player.SetEqualizerBands(true, gains);
+            const std::vector<float> whole = Anything(random, 20000);
+            std::vector<float> out;
+            while (out.size() < whole.size())
+            {
+                const auto from = whole.begin() + static_cast<ptrdiff_t>(out.size());
+                const size_t frames =
+                    std::min<size_t>(1 + random() % 60, (whole.size() - out.size()) / 2);
+                const std::vector<float> block =
+                    Run({from, from + static_cast<ptrdiff_t>(frames * 2)}, 2);
+                out.insert(out.end(), block.begin(), block.end());
+            }
+            EXPECT_EQ(Bits(out), Bits(PlainEqualizer(48000, gains).Run(whole, 2)));
+        });
+}
+
+TEST_F(Equalizer, WhatIsNoNumberPassesAsItDoesInTurn)
+{
+    std::mt19937 random(3);
+    for (const unsigned oneIn : {10000u, 300u, 5u})
+    {
+        OnNewThread(
+            [&]
+            {
+                player.SetEqualizerBands(true, gains);
+                Internals::EqualizerCascade inTurn(48000, gains);
+                for (int i = 0; i < 200; ++i)
+                {
+                    std::vector<float> samples = Anything(random, 1 + random() % 600, oneIn);
+                    const std::vector<float> out = Run(samples, 2);
+                    inTurn.Run(Internals::EqualizerForm::kInTurn, samples.data(),
+                               static_cast<int>(samples.size() / 2));
+                    ASSERT_EQ(Bits(out), Bits(samples));
+                }
+            });
+    }
+}
+
+TEST_F(Equalizer, NaNKeepsItsPayload)
+{
+    OnNewThread(
+        [&]
+        {
+            player.SetEqualizerBands(true, gains);
+            std::vector<float> samples = Ramp(100, 2);
+            samples[40] = std::bit_cast<float>(0xFFC12345u); // quiet, negative
+            const std::vector<float> out = Run(samples, 2);
+            for (size_t i = 40; i < out.size(); i += 2)
+                ASSERT_EQ(std::bit_cast<uint32_t>(out[i]), 0xFFC12345u) << i;
+            EXPECT_EQ(Bits(out), Bits(PlainEqualizer(48000, gains).Run(samples, 2)));
+        });
+}
+
+TEST_F(Equalizer, NumbersAfterANewConfigurationAreCalculatedAsEver)
+{
+    OnNewThread(
+        [&]
+        {
+            player.SetEqualizerBands(true, gains);
+            Run(std::vector<float>(100, std::numeric_limits<float>::infinity()), 2);
+            player.SetEqualizerBandGain(0, 4.0);
+            std::array<double, 10> changed = gains;
+            changed[0] = 4.0;
+            const std::vector<float> samples = Ramp(500, 2);
+            EXPECT_EQ(Bits(Run(samples, 2)), Bits(PlainEqualizer(48000, changed).Run(samples, 2)));
+        });
+}
+
 TEST_F(Equalizer, EveryBandHasItsGainAtItsCentre)
 {
     for (size_t band = 0; band < 10; ++band)
@@ -176,19 +249,21 @@ TEST_F(Equalizer, EveryBandHasItsGainAtItsCentre)
                 std::vector<float> impulse(48000, 0.0f);
                 impulse[0] = 1.0f;
                 const std::vector<float> response = Run(impulse, 1);
-                for (const double hz : {kFrequenciesHz[band], kFrequenciesHz[band] * 1.3, 700.0})
+                for (const double hz :
+                     {kBandFrequenciesHz[band], kBandFrequenciesHz[band] * 1.3, 700.0})
                 {
                     std::complex<double> sum = 0.0;
                     for (size_t i = 0; i < response.size(); ++i)
                         sum += static_cast<double>(response[i]) *
                                std::polar(1.0, -kTwoPi * hz * static_cast<double>(i) / 48000.0);
-                    EXPECT_NEAR(20.0 * std::log10(std::abs(sum)),
-                                PlainBand(48000, kFrequenciesHz[band], 6.0).MagnitudeDb(hz, 48000),
-                                0.01) // float rounding between the bands
+                    EXPECT_NEAR(
+                        20.0 * std::log10(std::abs(sum)),
+                        PlainBand(48000, kBandFrequenciesHz[band], 6.0).MagnitudeDb(hz, 48000),
+                        0.01) // float rounding between the bands
                         << "band " << band << " at " << hz << " Hz";
                 }
-                EXPECT_NEAR(PlainBand(48000, kFrequenciesHz[band], 6.0)
-                                .MagnitudeDb(kFrequenciesHz[band], 48000),
+                EXPECT_NEAR(PlainBand(48000, kBandFrequenciesHz[band], 6.0)
+                                .MagnitudeDb(kBandFrequenciesHz[band], 48000),
                             6.0, 1e-9);
             });
     }

@@ -62,4 +62,45 @@ void FillStreamInfo(TovrelAudioPlayer::StreamInfo& info, AVFormatContext* format
     ::FillStreamInfo(info, format, codec);
 }
 
+int ConvertFrame(const AVFrame& frame, SwrContext* swr, std::vector<float>& buffer)
+{
+    return ::ConvertFrame(frame, swr, TovrelAudioPlayerTestAccess::kOutputSampleRate,
+                          TovrelAudioPlayerTestAccess::kOutputChannels, buffer);
+}
+
+std::vector<EqualizerForm> EqualizerForms()
+{
+    std::vector<EqualizerForm> forms{EqualizerForm::kInTurn};
+#if defined(__x86_64__)
+    forms.push_back(EqualizerForm::kSse2);
+    if (__builtin_cpu_supports("avx2"))
+        forms.push_back(EqualizerForm::kAvx2);
+#endif
+    return forms;
+}
+
+struct EqualizerCascade::Filters
+{
+    PeakingCascade cascade;
+};
+
+EqualizerCascade::EqualizerCascade(double rate, const std::array<double, 10>& gains) :
+    m_filters(std::make_unique<Filters>())
+{
+    for (size_t band = 0; band < gains.size(); ++band)
+        m_filters->cascade[band].Configure(rate, kEqualizerFrequenciesHz[band], gains[band]);
+}
+
+EqualizerCascade::~EqualizerCascade() = default;
+
+void EqualizerCascade::Run(EqualizerForm form, float* samples, int frames)
+{
+#if defined(__x86_64__)
+    if (form != EqualizerForm::kInTurn)
+        return RunSideBySide(m_filters->cascade, samples, frames,
+                             form == EqualizerForm::kAvx2 ? RunStepsAvx2 : RunStepsSse2);
+#endif
+    RunInTurn(m_filters->cascade, samples, frames, kEqualizerChannels);
+}
+
 } // namespace Internals

@@ -3,9 +3,12 @@
 
 #include "tovrel_audio_player.h"
 
+#include <array>
 #include <cstdint>
 #include <initializer_list>
+#include <memory>
 #include <string>
+#include <vector>
 
 extern "C"
 {
@@ -101,5 +104,32 @@ double MetadataGainLinear(const AVFormatContext* format, int streamIndex);
 int InterruptIfStopped(void* player);
 void FillStreamInfo(TovrelAudioPlayer::StreamInfo& info, AVFormatContext* format,
                     AVCodecContext* codec);
+
+// To the engine's output format.
+int ConvertFrame(const AVFrame& frame, SwrContext* swr, std::vector<float>& buffer);
+
+// The equalizer's filters, and the forms in which this machine can run stereo blocks of them.
+enum class EqualizerForm
+{
+    kInTurn,
+    kSse2,
+    kAvx2
+};
+std::vector<EqualizerForm> EqualizerForms();
+
+class EqualizerCascade
+{
+public:
+    EqualizerCascade(double rate, const std::array<double, 10>& gains);
+    ~EqualizerCascade();
+    EqualizerCascade(const EqualizerCascade&) = delete;
+    EqualizerCascade& operator=(const EqualizerCascade&) = delete;
+
+    void Run(EqualizerForm form, float* samples, int frames);
+
+private:
+    struct Filters;
+    std::unique_ptr<Filters> m_filters;
+};
 
 } // namespace Internals
