@@ -1,16 +1,19 @@
 // What one block costs on its way through the processing chain. Every figure stands beside the copy
 // of the same block, the floor of what touching it can cost.
 #include "internals.h"
+#include "plain_equalizer.h"
 
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
+#include <array>
 #include <vector>
 
 namespace
 {
 
 constexpr int kRate = 48000;
+constexpr std::array<double, 10> kGainsDb = {3, -6, 9, -12, 6, -3, 1, -1, 6, -3};
 
 struct Block
 {
@@ -55,13 +58,54 @@ void Floor(benchmark::State& state)
     Run(state, [](Block&) {});
 }
 
-void Equalizer(benchmark::State& state)
+// What the equalizer is measured by: the loop of its definition, compiled beside it.
+void EqualizerPlain(benchmark::State& state)
+{
+    PlainEqualizer plain(kRate, kGainsDb);
+    Run(state,
+        [&](Block& block) { plain.Process(block.samples.data(), block.frames, block.channels); });
+}
+
+// Its forms, of which the engine takes the last that the processor has.
+void EqualizerForm(benchmark::State& state, Internals::EqualizerForm form)
+{
+    Internals::EqualizerCascade cascade(kRate, kGainsDb);
+    Run(state, [&](Block& block) { cascade.Run(form, block.samples.data(), block.frames); });
+}
+
+void RunEqualizer(benchmark::State& state, const std::array<double, 10>& gainsDb)
 {
     TovrelAudioPlayer player;
     const TovrelAudioPlayerTestAccess access{player};
-    player.SetEqualizerBands(true, {3, -6, 9, -12, 6, -3, 1, -1, 6, -3});
+    player.SetEqualizerBands(true, gainsDb);
     Run(state, [&](Block& block)
         { access.ApplyEqualizer(block.samples.data(), block.frames, block.channels, kRate); });
+}
+
+void Equalizer(benchmark::State& state)
+{
+    RunEqualizer(state, kGainsDb);
+}
+
+void EqualizerOneBand(benchmark::State& state)
+{
+    RunEqualizer(state, {0, 0, 0, 0, 6, 0, 0, 0, 0, 0});
+}
+
+// A slider that moves: all bands are configured anew for every block.
+void EqualizerMoving(benchmark::State& state)
+{
+    TovrelAudioPlayer player;
+    const TovrelAudioPlayerTestAccess access{player};
+    player.SetEqualizerBands(true, kGainsDb);
+    double dB = 0.0;
+    Run(state,
+        [&](Block& block)
+        {
+            dB = dB < 6.0 ? dB + 0.1 : 0.0;
+            player.SetEqualizerBandGain(4, dB);
+            access.ApplyEqualizer(block.samples.data(), block.frames, block.channels, kRate);
+        });
 }
 
 void EqualizerBypass(benchmark::State& state)
@@ -89,6 +133,22 @@ void Spectrum(benchmark::State& state)
         { access.CaptureSpectrumSamples(block.samples.data(), block.frames, block.channels); });
 }
 
+// From the equalizer to the spectrum, as every playback runs it.
+void Chain(benchmark::State& state)
+{
+    TovrelAudioPlayer player;
+    const TovrelAudioPlayerTestAccess access{player};
+    player.SetEqualizerBands(true, kGainsDb);
+    Run(state,
+        [&](Block& block)
+        {
+            float* const samples = block.samples.data();
+            access.ApplyEqualizer(samples, block.frames, block.channels, kRate);
+            access.ApplyGainAndPan(samples, block.frames, block.channels, 0.5);
+            access.CaptureSpectrumSamples(samples, block.frames, block.channels);
+        });
+}
+
 void Blocks(benchmark::internal::Benchmark* bench)
 {
     bench->ArgNames({"frames", "channels"});
@@ -97,10 +157,23 @@ void Blocks(benchmark::internal::Benchmark* bench)
             bench->Args({frames, channels});
 }
 
+void StereoBlocks(benchmark::internal::Benchmark* bench)
+{
+    bench->ArgNames({"frames", "channels"});
+    for (const int frames : {64, 480, 513, 1024, 4096})
+        bench->Args({frames, 2});
+}
+
 BENCHMARK(Floor)->Apply(Blocks);
+BENCHMARK(EqualizerPlain)->Apply(Blocks);
+BENCHMARK_CAPTURE(EqualizerForm, sse2, Internals::EqualizerForm::kSse2)->Apply(StereoBlocks);
+BENCHMARK_CAPTURE(EqualizerForm, avx2, Internals::EqualizerForm::kAvx2)->Apply(StereoBlocks);
 BENCHMARK(Equalizer)->Apply(Blocks);
+BENCHMARK(EqualizerOneBand)->Apply(Blocks);
+BENCHMARK(EqualizerMoving)->Apply(Blocks);
 BENCHMARK(EqualizerBypass)->Apply(Blocks);
 BENCHMARK(GainAndPan)->Apply(Blocks);
 BENCHMARK(Spectrum)->Apply(Blocks);
+BENCHMARK(Chain)->Apply(Blocks);
 
 } // namespace
