@@ -479,13 +479,15 @@ void RunInTurn(PeakingCascade& Filters, float* Samples, int SampleCount, int Cha
 //
 // What a lane calculates is what the band does in turn, operation by operation. The corners that no
 // such step covers, the first frames of a block in the first bands and its last frames in the last
-// bands, are run in turn. A frame on its way stands in its place in the block, as far as it has
-// come, so nothing is delayed: after each block every band has seen all of it.
-constexpr ptrdiff_t kBands = TovrelAudioPlayer::EqualizerBandCount;
-constexpr ptrdiff_t kLanesPerVector = 4; // left and right of band k, left and right of band k + 5
-constexpr ptrdiff_t kVectors = kBands * kEqualizerChannels / kLanesPerVector;
+// bands, are run in turn; between these and the steps a frame on its way stands in its place in the
+// block, as far as it has come. So nothing is delayed: after each block every band has seen all of
+// it.
+constexpr size_t kBands = TovrelAudioPlayer::EqualizerBandCount;
+constexpr size_t kLanesPerVector = 4; // left and right of band k, left and right of band k + 5
+constexpr size_t kVectors = kBands * kEqualizerChannels / kLanesPerVector;
+constexpr int kHistoryFrames = 512; // of blocks that are not stereo, at once
 
-constexpr ptrdiff_t LaneOf(ptrdiff_t band, ptrdiff_t ch)
+constexpr size_t LaneOf(size_t band, size_t ch)
 {
     return band % kVectors * kLanesPerVector + band / kVectors * kEqualizerChannels + ch;
 }
@@ -499,12 +501,12 @@ struct CascadeLanes
     // `Next` is the first frame that has not been in any band yet.
     CascadeLanes(const PeakingCascade& Filters, const float* Next)
     {
-        for (ptrdiff_t band = 0; band < kBands; ++band)
+        for (size_t band = 0; band < kBands; ++band)
         {
             const PeakingBiquad& filter = Filters[band];
-            for (ptrdiff_t ch = 0; ch < kEqualizerChannels; ++ch)
+            for (size_t ch = 0; ch < kEqualizerChannels; ++ch)
             {
-                const ptrdiff_t lane = LaneOf(band, ch);
+                const size_t lane = LaneOf(band, ch);
                 B0[lane] = filter.B0;
                 B1[lane] = filter.B1;
                 B2[lane] = filter.B2;
@@ -520,11 +522,11 @@ struct CascadeLanes
     // `End` is the end of the block, and of the steps.
     void Store(PeakingCascade& Filters, float* End) const
     {
-        for (ptrdiff_t band = 0; band < kBands; ++band)
+        for (size_t band = 0; band < kBands; ++band)
         {
-            for (ptrdiff_t ch = 0; ch < kEqualizerChannels; ++ch)
+            for (size_t ch = 0; ch < kEqualizerChannels; ++ch)
             {
-                const ptrdiff_t lane = LaneOf(band, ch);
+                const size_t lane = LaneOf(band, ch);
                 Filters[band].Z1[ch] = Z1[lane];
                 Filters[band].Z2[ch] = Z2[lane];
                 if (band > 0)
@@ -535,7 +537,7 @@ struct CascadeLanes
 };
 
 // How far the last band is behind the first one.
-constexpr ptrdiff_t kFloatsBehind = (kBands - 1) * kEqualizerChannels;
+constexpr size_t kFloatsBehind = (kBands - 1) * kEqualizerChannels;
 
 __m128 LoadFrame(const float* Frame)
 {
@@ -552,9 +554,10 @@ void RunStepsSse2(CascadeLanes& Lanes, float* Frame, const float* End)
     {
         _mm_store_pd(&Lanes.Input[0], _mm_cvtps_pd(LoadFrame(Frame)));
 #pragma GCC unroll 10
-        for (ptrdiff_t band = kBands - 1; band >= 0; --band)
+        for (size_t i = 0; i < kBands; ++i)
         {
-            const ptrdiff_t at = LaneOf(band, 0);
+            const size_t band = kBands - 1 - i;
+            const size_t at = LaneOf(band, 0);
             const __m128d x = _mm_load_pd(&Lanes.Input[at]);
             const __m128d out = _mm_load_pd(&Lanes.B0[at]) * x + _mm_load_pd(&Lanes.Z1[at]);
             _mm_store_pd(&Lanes.Z1[at], _mm_load_pd(&Lanes.B1[at]) * x -
@@ -578,7 +581,7 @@ void RunStepsSse2(CascadeLanes& Lanes, float* Frame, const float* End)
     __m256d z1[kVectors];
     __m256d z2[kVectors];
 #pragma GCC unroll 5
-    for (ptrdiff_t k = 0; k < kVectors; ++k)
+    for (size_t k = 0; k < kVectors; ++k)
     {
         input[k] = _mm256_load_pd(&Lanes.Input[k * kLanesPerVector]);
         z1[k] = _mm256_load_pd(&Lanes.Z1[k * kLanesPerVector]);
@@ -591,9 +594,10 @@ void RunStepsSse2(CascadeLanes& Lanes, float* Frame, const float* End)
     {
         input[0] = _mm256_cvtps_pd(_mm_movelh_ps(LoadFrame(Frame), last));
 #pragma GCC unroll 5
-        for (ptrdiff_t k = kVectors - 1; k >= 0; --k)
+        for (size_t i = 0; i < kVectors; ++i)
         {
-            const ptrdiff_t at = k * kLanesPerVector;
+            const size_t k = kVectors - 1 - i;
+            const size_t at = k * kLanesPerVector;
             const __m256d x = input[k];
             const __m256d out = _mm256_load_pd(&Lanes.B0[at]) * x + z1[k];
             z1[k] = _mm256_load_pd(&Lanes.B1[at]) * x - _mm256_load_pd(&Lanes.A1[at]) * out + z2[k];
@@ -608,7 +612,7 @@ void RunStepsSse2(CascadeLanes& Lanes, float* Frame, const float* End)
     }
     input[0] = _mm256_cvtps_pd(_mm_movelh_ps(last, last));
 #pragma GCC unroll 5
-    for (ptrdiff_t k = 0; k < kVectors; ++k)
+    for (size_t k = 0; k < kVectors; ++k)
     {
         _mm256_store_pd(&Lanes.Input[k * kLanesPerVector], input[k]);
         _mm256_store_pd(&Lanes.Z1[k * kLanesPerVector], z1[k]);
@@ -618,41 +622,36 @@ void RunStepsSse2(CascadeLanes& Lanes, float* Frame, const float* End)
 
 using RunSteps = void (*)(CascadeLanes&, float*, const float*);
 
-// Runs a stereo block. Where it is shorter than the bands are many no step has all of them.
-void RunSideBySide(PeakingCascade& Filters, float* Samples, int SampleCount, RunSteps runSteps)
+// Runs a stereo block. With fewer frames than bands no step would have work for all of them.
+void RunSideBySide(PeakingCascade& Filters, float* Samples, int SampleCount, RunSteps Run)
 {
-    if (SampleCount < kBands)
+    if (SampleCount < static_cast<int>(kBands))
         return RunInTurn(Filters, Samples, SampleCount, kEqualizerChannels);
 
-    const auto runBands = [&](float* frame, ptrdiff_t first, ptrdiff_t end)
+    const auto runBands = [&](float* frame, size_t first, size_t end)
     {
         for (int ch = 0; ch < kEqualizerChannels; ++ch)
         {
-            for (ptrdiff_t band = first; band < end; ++band)
+            for (size_t band = first; band < end; ++band)
                 frame[ch] = Filters[band].Process(frame[ch], ch);
         }
     };
     float* const end = Samples + static_cast<ptrdiff_t>(SampleCount) * kEqualizerChannels;
     float* const next = Samples + kFloatsBehind;
-    for (ptrdiff_t i = 0; i < kBands - 1; ++i)
-        runBands(Samples + i * kEqualizerChannels, 0, kBands - 1 - i);
+    for (size_t bands = kBands - 1, i = 0; bands > 0; --bands, ++i)
+        runBands(Samples + i * kEqualizerChannels, 0, bands);
     CascadeLanes lanes(Filters, next);
-    runSteps(lanes, next, end);
+    Run(lanes, next, end);
     lanes.Store(Filters, end);
-    for (ptrdiff_t band = kBands - 1; band > 0; --band)
+    for (size_t band = kBands - 1; band > 0; --band)
         runBands(end - band * kEqualizerChannels, band, kBands);
 }
 
 // Runs the channels of one history, the first channel or all others, as the left one of a stereo
 // block whose right one is silent.
-void RunHistory(PeakingCascade& Filters, int History, float* Samples, int SampleCount, int Channels,
-                RunSteps runSteps)
+void RunHistory(PeakingCascade& Filters, size_t History, float* Samples, int SampleCount,
+                int Channels, RunSteps Run)
 {
-    const int width = History == 0 ? 1 : Channels - 1;
-    const auto sampleAt = [&](ptrdiff_t i) -> float&
-    {
-        return Samples[i / width * Channels + History + i % width];
-    };
     PeakingCascade alone = Filters;
     for (PeakingBiquad& filter : alone)
     {
@@ -660,32 +659,43 @@ void RunHistory(PeakingCascade& Filters, int History, float* Samples, int Sample
         filter.Z2 = {filter.Z2[History], 0.0};
     }
 
-    constexpr ptrdiff_t blockFrames = 512;
-    std::array<float, blockFrames * kEqualizerChannels> block{};
-    const ptrdiff_t count = static_cast<ptrdiff_t>(SampleCount) * width;
-    for (ptrdiff_t first = 0; first < count; first += blockFrames)
+    std::array<float, size_t{kHistoryFrames} * kEqualizerChannels> block{};
+    const int first = static_cast<int>(History);
+    const int end = History == 0 ? 1 : Channels;
+    const int framesAtOnce = kHistoryFrames / (end - first);
+    for (int done = 0; done < SampleCount; done += framesAtOnce)
     {
-        const ptrdiff_t frames = std::min(count - first, blockFrames);
-        for (ptrdiff_t i = 0; i < frames; ++i)
-            block[i * kEqualizerChannels] = sampleAt(first + i);
-        RunSideBySide(alone, block.data(), static_cast<int>(frames), runSteps);
-        for (ptrdiff_t i = 0; i < frames; ++i)
-            sampleAt(first + i) = block[i * kEqualizerChannels];
+        const int frames = std::min(SampleCount - done, framesAtOnce);
+        const auto forEachSample = [&](auto function)
+        {
+            float* left = block.data();
+            float* frame = Samples + static_cast<ptrdiff_t>(done) * Channels;
+            for (int i = 0; i < frames; ++i, frame += Channels)
+            {
+                for (int ch = first; ch < end; ++ch, left += kEqualizerChannels)
+                    function(frame[ch], *left);
+            }
+        };
+        forEachSample([](const float& sample, float& left) { left = sample; });
+        RunSideBySide(alone, block.data(), frames * (end - first), Run);
+        forEachSample([](float& sample, const float& left) { sample = left; });
     }
 
-    for (ptrdiff_t band = 0; band < kBands; ++band)
+    for (size_t band = 0; band < kBands; ++band)
     {
         Filters[band].Z1[History] = alone[band].Z1[0];
         Filters[band].Z2[History] = alone[band].Z2[0];
     }
 }
 
-// Whether the arithmetic stays with numbers. Of two that are none, which one an addition passes on
-// is the compiler's choice, made anew wherever the addition is written.
-bool IsFinite(const PeakingCascade& Filters, const float* Samples, size_t count)
+// Whether a block begins with numbers alone. Of two that are none, which one an addition passes on
+// is the compiler's choice, made anew wherever the addition is written. A filter that is unstable
+// may leave the numbers within a block, but then to the processor's one NaN. B0 tells of all
+// coefficients: a gain that is no number makes it none.
+bool IsFinite(const PeakingCascade& Filters, const float* Samples, size_t Count)
 {
     int32_t largest = 0; // magnitude, as bits: those of infinity and NaN are above all others
-    for (size_t i = 0; i < count; ++i)
+    for (size_t i = 0; i < Count; ++i)
         largest = std::max(largest, std::bit_cast<int32_t>(Samples[i]) & INT32_MAX);
     return largest < std::bit_cast<int32_t>(std::numeric_limits<float>::infinity()) &&
            std::all_of(Filters.begin(), Filters.end(),
@@ -697,15 +707,16 @@ bool IsFinite(const PeakingCascade& Filters, const float* Samples, size_t count)
 
 void RunCascade(PeakingCascade& Filters, float* Samples, int SampleCount, int Channels)
 {
-    static const RunSteps runSteps = __builtin_cpu_supports("avx2") ? RunStepsAvx2 : RunStepsSse2;
+    static const RunSteps run = __builtin_cpu_supports("avx2") ? RunStepsAvx2 : RunStepsSse2;
     const auto count = static_cast<size_t>(SampleCount) * static_cast<size_t>(Channels);
-    if (SampleCount < kBands || !IsFinite(Filters, Samples, count))
+    if (SampleCount < static_cast<int>(kBands) || Channels > kHistoryFrames ||
+        !IsFinite(Filters, Samples, count))
         return RunInTurn(Filters, Samples, SampleCount, Channels);
     if (Channels == kEqualizerChannels)
-        return RunSideBySide(Filters, Samples, SampleCount, runSteps);
-    RunHistory(Filters, 0, Samples, SampleCount, Channels, runSteps);
+        return RunSideBySide(Filters, Samples, SampleCount, run);
+    RunHistory(Filters, 0, Samples, SampleCount, Channels, run);
     if (Channels > 1)
-        RunHistory(Filters, 1, Samples, SampleCount, Channels, runSteps);
+        RunHistory(Filters, 1, Samples, SampleCount, Channels, run);
 }
 
 #else
@@ -897,12 +908,14 @@ int64_t SeekCachedFile(void* Opaque, int64_t Offset, int Whence)
     return target;
 }
 
-// Touching new memory page by page takes three times as long as reading a file into it. Where the
-// kernel does not heed the advice nothing is lost.
+// Touching new memory page by page takes longer than reading a file into it; in huge pages it takes
+// a fifth. Where the kernel has none ready the first use may cost what it takes to make them, which
+// small files are not worth.
 void PreferHugePages(void* Memory, size_t Size)
 {
+    constexpr size_t leastBytes = 8388608; // 8 MiB
     const auto pageBytes = static_cast<size_t>(sysconf(_SC_PAGESIZE));
-    if (std::align(pageBytes, pageBytes, Memory, Size))
+    if (Size >= leastBytes && std::align(pageBytes, pageBytes, Memory, Size))
         (void)madvise(Memory, Size, MADV_HUGEPAGE);
 }
 

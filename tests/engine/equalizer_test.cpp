@@ -161,6 +161,50 @@ TEST_F(Equalizer, EveryFormGivesTheBitsOfThePlainLoop)
     }
 }
 
+// Where a band lies above Nyquist its filter is unstable and leaves the numbers within a block.
+TEST_F(Equalizer, EveryFormLeavesTheNumbersAsThePlainLoopDoes)
+{
+    size_t strayed = 0;
+    std::mt19937 random(4);
+    for (int rate = 1; rate <= 80; ++rate)
+    {
+        std::array<double, 10> steep{};
+        std::generate(steep.begin(), steep.end(), [&] { return random() % 2 ? 18.0 : -18.0; });
+        const std::vector<float> samples = Anything(random, 1500);
+        std::vector<float> expected = samples;
+        Internals::EqualizerCascade(rate, steep)
+            .Run(Internals::EqualizerForm::kInTurn, expected.data(), 1500);
+        for (const Internals::EqualizerForm form : Internals::EqualizerForms())
+        {
+            std::vector<float> out = samples;
+            Internals::EqualizerCascade(rate, steep).Run(form, out.data(), 1500);
+            ASSERT_EQ(Bits(out), Bits(expected)) << rate << " Hz, form " << static_cast<int>(form);
+        }
+        strayed += std::any_of(expected.begin(), expected.end(),
+                               [](float sample) { return std::isnan(sample); });
+    }
+    EXPECT_GT(strayed, 0u);
+}
+
+TEST_F(Equalizer, EveryNumberOfChannelsGivesTheBitsOfThePlainLoop)
+{
+    std::mt19937 random(5);
+    Internals::EqualizerCascade cascade(48000, gains);
+    PlainEqualizer plain(48000, gains); // the histories go on from one to the other
+    for (const int channels : {1, 2, 3, 6, 8, 2, 64, 512, 513, 1, 600, 2})
+    {
+        for (const int frames : {1, 9, 10, 11, 170, 171, 512, 513, 1100})
+        {
+            std::vector<float> samples =
+                Anything(random, static_cast<size_t>(frames * channels + 1) / 2);
+            samples.resize(static_cast<size_t>(frames * channels));
+            const std::vector<float> expected = plain.Run(samples, channels);
+            cascade.Run(samples.data(), frames, channels);
+            ASSERT_EQ(Bits(samples), Bits(expected)) << channels << " channels, " << frames;
+        }
+    }
+}
+
 TEST_F(Equalizer, BlocksOfAnyLengthAreOneStream)
 {
     std::mt19937 random(2);
@@ -486,3 +530,56 @@ TEST_F(Equalizer, EmptyBlocksAreLeftAlone)
     access.ApplyEqualizer(&sample, -1, -1, -1);
     EXPECT_EQ(sample, 0.5f);
 }
+
+#if defined(__x86_64__)
+
+// Anything else goes through the bands in turn, where it is what the definition makes of it.
+TEST_F(Equalizer, OnlyNumbersRunSideBySide)
+{
+    constexpr float infinity = std::numeric_limits<float>::infinity();
+    constexpr float nan = std::numeric_limits<float>::quiet_NaN();
+    const Internals::EqualizerCascade cascade(48000, gains);
+    const std::vector<float> numbers = {std::numeric_limits<float>::max(),
+                                        std::numeric_limits<float>::lowest(),
+                                        std::numeric_limits<float>::denorm_min(),
+                                        -0.0f,
+                                        1.0f,
+                                        -1.0f,
+                                        0.0f};
+    EXPECT_TRUE(cascade.IsFinite(numbers));
+    for (const float other : {infinity, -infinity, nan, -nan})
+    {
+        for (size_t at = 0; at < numbers.size(); ++at)
+        {
+            std::vector<float> samples = numbers;
+            samples[at] = other;
+            EXPECT_FALSE(cascade.IsFinite(samples)) << other << " at " << at;
+        }
+    }
+}
+
+TEST_F(Equalizer, OnlyHistoriesOfNumbersRunSideBySide)
+{
+    for (const double other :
+         {std::numeric_limits<double>::infinity(), std::numeric_limits<double>::quiet_NaN()})
+    {
+        for (size_t band = 0; band < 10; ++band)
+        {
+            for (size_t word = 0; word < 4; ++word)
+            {
+                Internals::EqualizerCascade cascade(48000, gains);
+                *cascade.History(band)[word] = other;
+                EXPECT_FALSE(cascade.IsFinite({0.5f})) << other << ", band " << band;
+            }
+        }
+    }
+}
+
+TEST_F(Equalizer, OnlyGainsThatAreNumbersRunSideBySide)
+{
+    std::array<double, 10> one{};
+    one[9] = std::numeric_limits<double>::quiet_NaN();
+    EXPECT_FALSE(Internals::EqualizerCascade(48000, one).IsFinite({0.5f}));
+}
+
+#endif

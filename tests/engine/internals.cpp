@@ -103,4 +103,22 @@ void EqualizerCascade::Run(EqualizerForm form, float* samples, int frames)
     RunInTurn(m_filters->cascade, samples, frames, kEqualizerChannels);
 }
 
+void EqualizerCascade::Run(float* samples, int frames, int channels)
+{
+    RunCascade(m_filters->cascade, samples, frames, channels);
+}
+
+#if defined(__x86_64__)
+bool EqualizerCascade::IsFinite(const std::vector<float>& samples) const
+{
+    return ::IsFinite(m_filters->cascade, samples.data(), samples.size());
+}
+#endif
+
+std::vector<double*> EqualizerCascade::History(size_t band)
+{
+    PeakingBiquad& filter = m_filters->cascade[band];
+    return {&filter.Z1[0], &filter.Z1[1], &filter.Z2[0], &filter.Z2[1]};
+}
+
 } // namespace Internals

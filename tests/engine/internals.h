@@ -125,7 +125,17 @@ public:
     EqualizerCascade(const EqualizerCascade&) = delete;
     EqualizerCascade& operator=(const EqualizerCascade&) = delete;
 
+    // What ApplyEqualizer runs, and the stereo form of one's choice.
+    void Run(float* samples, int frames, int channels);
     void Run(EqualizerForm form, float* samples, int frames);
+
+#if defined(__x86_64__)
+    // Whether all that goes into a block are numbers.
+    bool IsFinite(const std::vector<float>& samples) const;
+#endif
+
+    // The four words of a band's history.
+    std::vector<double*> History(size_t band);
 
 private:
     struct Filters;
