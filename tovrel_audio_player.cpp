@@ -908,15 +908,17 @@ int64_t SeekCachedFile(void* Opaque, int64_t Offset, int Whence)
     return target;
 }
 
-// Touching new memory page by page takes longer than reading a file into it; in huge pages it takes
-// a fifth. Where the kernel has none ready the first use may cost what it takes to make them, which
-// small files are not worth.
-void PreferHugePages(void* Memory, size_t Size)
+// New memory page by page, as it is touched, takes longer than reading a file into it; asked for at
+// once it takes less. Huge pages would take a fifth, but a virtual machine's host may have to find
+// each of them first, and then they take longer than all else. An old kernel refuses, and nothing is
+// lost.
+void PopulateMemory([[maybe_unused]] void* Memory, [[maybe_unused]] size_t Size)
 {
-    constexpr size_t leastBytes = 8388608; // 8 MiB
+#if defined(MADV_POPULATE_WRITE)
     const auto pageBytes = static_cast<size_t>(sysconf(_SC_PAGESIZE));
-    if (Size >= leastBytes && std::align(pageBytes, pageBytes, Memory, Size))
-        (void)madvise(Memory, Size, MADV_HUGEPAGE);
+    if (std::align(pageBytes, pageBytes, Memory, Size))
+        (void)madvise(Memory, Size, MADV_POPULATE_WRITE);
+#endif
 }
 
 } // namespace
@@ -964,7 +966,7 @@ bool TovrelAudioPlayer::LoadFileIntoCache(const std::string& Path,
     try
     {
         Cache.Bytes.reserve(fileSize);
-        PreferHugePages(Cache.Bytes.data(), fileSize);
+        PopulateMemory(Cache.Bytes.data(), fileSize);
         Cache.Bytes.resize(fileSize);
         in.read(reinterpret_cast<char*>(Cache.Bytes.data()),
                 static_cast<std::streamsize>(fileSize));
