@@ -257,7 +257,9 @@ def steady_tables(results):
         section("Threads", comparison(results, runs, "Steady", key="threads", has_ratios=False)),
         section("Private memory, in MiB",
                 comparison(results, runs, "Steady", key="private_mib", extras=memory,
-                           has_ratios=False))))
+                           has_ratios=False)),
+        section("Resident memory at its peak, libraries included, in MiB",
+                comparison(results, runs, "Steady", key="peak_mib", has_ratios=False))))
 
 
 def beyond_file(case):
@@ -636,15 +638,14 @@ def own_cycles(results):
 def report(results):
     """All of it."""
     failures = [f"- `{run}`: {name}: {error}\n" for run, name, error in results.failures()]
-    image = "![Where the processor time of a played second goes](performance.svg)\n"
     parts = [
         machine(results),
         "Each figure is a median, with the least and the greatest in brackets. Repetitions: " +
         results.repetitions() + ".\n",
         own_cycles(results),
         goals_table(results), latency_tables(results), steady_tables(results),
-        image if picture(results) else "", allocation_table(results), chain_tables(results),
-        decode_tables(results), sink_tables(results), section("Failed", "".join(failures))]
+        allocation_table(results), chain_tables(results), decode_tables(results),
+        sink_tables(results), section("Failed", "".join(failures))]
     return re.sub(r"\n{3,}", "\n\n", "\n".join(parts)).strip()
 
 
