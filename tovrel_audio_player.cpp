@@ -910,8 +910,8 @@ int64_t SeekCachedFile(void* Opaque, int64_t Offset, int Whence)
 
 // New memory page by page, as it is touched, takes longer than reading a file into it; asked for at
 // once it takes less. Huge pages would take a fifth, but a virtual machine's host may have to find
-// each of them first, and then they take longer than all else. An old kernel refuses, and nothing is
-// lost.
+// each of them first, and then they take longer than all else. An old kernel refuses, and nothing
+// is lost.
 void PopulateMemory([[maybe_unused]] void* Memory, [[maybe_unused]] size_t Size)
 {
 #if defined(MADV_POPULATE_WRITE)
