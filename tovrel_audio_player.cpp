@@ -545,7 +545,8 @@ __m128 LoadFrame(const float* Frame)
 }
 
 // One step for each frame from `Frame` on. Within a step the bands go downwards: each leaves its
-// output where the one behind it has just taken its input.
+// output where the one behind it has just taken its input. The counters go upwards all the same, or
+// GCC would not unroll the loops.
 void RunStepsSse2(CascadeLanes& Lanes, float* Frame, const float* End)
 {
     const __m128d low = _mm_set1_pd(-kEqualizerOutputLimit);

@@ -4,6 +4,7 @@
 //
 // Calls come at random moments of the graph's cycle, as users' do.
 #include "bare_stream.h"
+#include "cases.h"
 #include "contenders.h"
 #include "monitor.h"
 #include "scripted_server.h"
@@ -436,25 +437,14 @@ double ShortSoundsOfBare(benchmark::State& state)
 
 // --- The list -----------------------------------------------------------------------------------
 
-// One iteration, so that repetitions in random order bring the contenders side by side.
 void Register(const std::string& name, const std::function<double(benchmark::State&)>& measuredMs)
 {
-    const auto run = [measuredMs](benchmark::State& state)
-    {
-        try
-        {
-            for ([[maybe_unused]] auto _ : state)
-                state.SetIterationTime(measuredMs(state) / 1000.0);
-        }
-        catch (const std::exception& error)
-        {
-            state.SkipWithError(error.what());
-        }
-    };
-    benchmark::RegisterBenchmark(name.c_str(), run)
-        ->UseManualTime()
-        ->Iterations(1)
-        ->Unit(benchmark::kMillisecond);
+    RegisterCase(name,
+                 [measuredMs](benchmark::State& state)
+                 {
+                     for ([[maybe_unused]] auto _ : state)
+                         state.SetIterationTime(measuredMs(state) / 1000.0);
+                 });
 }
 
 using Case = double (*)(benchmark::State&, const std::string& what, const std::string& contender);

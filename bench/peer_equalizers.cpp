@@ -10,7 +10,6 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
-#include <ctime>
 #include <fstream>
 #include <optional>
 #include <string>
@@ -163,15 +162,6 @@ context.modules = [
     file << "] } } }\n]\n";
 }
 
-double CpuSecondsOf(pid_t process)
-{
-    clockid_t clock{};
-    timespec time{};
-    if (clock_getcpuclockid(process, &clock) != 0 || clock_gettime(clock, &time) != 0)
-        return 0.0;
-    return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) / 1e9;
-}
-
 // It is passive: only while noise is played into it does it run at all.
 double ChainSecondsPerFrame(const TemporaryDirectory& directory, size_t tens)
 {
@@ -183,10 +173,10 @@ double ChainSecondsPerFrame(const TemporaryDirectory& directory, size_t tens)
         {"pw-cat", "-p", "--target", "equalizer-in", directory.File("noise.wav")});
     std::this_thread::sleep_for(kSettling);
 
-    const double before = CpuSecondsOf(chain.Id());
+    const double before = chain.CpuSeconds();
     const auto begin = std::chrono::steady_clock::now();
     std::this_thread::sleep_for(kWindow);
-    const double cpuSeconds = CpuSecondsOf(chain.Id()) - before;
+    const double cpuSeconds = chain.CpuSeconds() - before;
     const std::chrono::duration<double> seconds = std::chrono::steady_clock::now() - begin;
     return cpuSeconds / (seconds.count() * kRate);
 }

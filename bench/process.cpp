@@ -4,6 +4,7 @@
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
+#include <ctime>
 #include <fcntl.h>
 #include <spawn.h>
 #include <sstream>
@@ -74,6 +75,15 @@ void ChildProcess::End(int signal)
     if (m_pid > 0)
         kill(m_pid, signal);
     Wait();
+}
+
+double ChildProcess::CpuSeconds() const
+{
+    clockid_t clock{};
+    timespec time{};
+    if (clock_getcpuclockid(m_pid, &clock) != 0 || clock_gettime(clock, &time) != 0)
+        return 0.0;
+    return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) / 1e9;
 }
 
 bool ChildProcess::Wait(rusage* usage)

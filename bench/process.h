@@ -38,6 +38,10 @@ public:
     bool HasEnded();
     void End(int signal);
 
+    // The processor time that it has taken so far, in seconds, with that of threads that have
+    // ended.
+    double CpuSeconds() const;
+
     // Whether it has ended as programs do that have done what they should. `usage`, where given,
     // is what it took.
     bool Wait(rusage* usage = nullptr);

@@ -2,6 +2,7 @@
 // allocations, beside what it costs others. It needs a daemon: scripts/with-null-sink brings one.
 // The others ask the graph for cycles of their own liking; under PIPEWIRE_LATENCY all have the
 // same.
+#include "cases.h"
 #include "contenders.h"
 #include "tovrel_audio_player.h"
 
@@ -16,8 +17,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
-#include <ctime>
-#include <exception>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -191,16 +190,6 @@ struct PlayerThreads
     }
 };
 
-// That of threads that have ended counts as well.
-double CpuSecondsOf(pid_t process)
-{
-    clockid_t clock{};
-    timespec time{};
-    if (clock_getcpuclockid(process, &clock) != 0 || clock_gettime(clock, &time) != 0)
-        return 0.0;
-    return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) / 1e9;
-}
-
 // --- A player as a program of its own -----------------------------------------------------------
 
 struct Contender
@@ -248,11 +237,11 @@ void Steady(benchmark::State& state, Music& music, const Format& format, const C
         std::this_thread::sleep_for(kSettling);
 
         const std::vector<Thread> threadsBefore = ThreadsOf(player.Id());
-        const double cpuBefore = CpuSecondsOf(player.Id());
+        const double cpuBefore = player.CpuSeconds();
         const auto begin = Clock::now();
         std::this_thread::sleep_for(kWindow);
         const double perMinute = 60.0 / SecondsSince(begin);
-        const double cpuSeconds = (CpuSecondsOf(player.Id()) - cpuBefore) * perMinute;
+        const double cpuSeconds = (player.CpuSeconds() - cpuBefore) * perMinute;
         const std::vector<Thread> threads = ThreadsSince(threadsBefore, player.Id());
         const std::string process = "/proc/" + std::to_string(player.Id());
         // Clean is what files of programs and libraries hold that nobody else uses just now.
@@ -439,33 +428,13 @@ std::vector<float> PcmNoise()
 
 // --- The cases ----------------------------------------------------------------------------------
 
-template <typename Case>
-void Register(const std::string& name, Case measure)
-{
-    const auto run = [measure](benchmark::State& state)
-    {
-        try
-        {
-            measure(state);
-        }
-        catch (const std::exception& error)
-        {
-            state.SkipWithError(error.what());
-        }
-    };
-    benchmark::RegisterBenchmark(name.c_str(), run)
-        ->UseManualTime()
-        ->Iterations(1)
-        ->Unit(benchmark::kMillisecond);
-}
-
 void RegisterSteady(Music& music)
 {
     const auto add = [&](const Format& format, const char* what, const Contender& contender)
     {
-        Register("Steady/" + format.name + what + "/" + contender.name,
-                 [&music, &format, contender](benchmark::State& state)
-                 { Steady(state, music, format, contender); });
+        RegisterCase("Steady/" + format.name + what + "/" + contender.name,
+                     [&music, &format, contender](benchmark::State& state)
+                     { Steady(state, music, format, contender); });
     };
     for (const Format& format : kFormats)
     {
@@ -485,19 +454,20 @@ void RegisterAllocations(Music& music)
     {
         if (!format.name.ends_with("-48kHz"))
             continue;
-        Register("Allocations/" + format.name.substr(0, format.name.find('-')) + "/tovrel",
-                 [&music, &format](benchmark::State& state)
-                 {
-                     CountAllocations(state, [path = music.File(format)](TovrelAudioPlayer& player)
-                                      { player.PlayFile(path); });
-                 });
+        RegisterCase("Allocations/" + format.name.substr(0, format.name.find('-')) + "/tovrel",
+                     [&music, &format](benchmark::State& state)
+                     {
+                         CountAllocations(state,
+                                          [path = music.File(format)](TovrelAudioPlayer& player)
+                                          { player.PlayFile(path); });
+                     });
     }
-    Register("Allocations/pcm/tovrel",
-             [](benchmark::State& state)
-             {
-                 CountAllocations(state, [](TovrelAudioPlayer& player)
-                                  { player.PlayPcm(PcmNoise(), 48000, 2); });
-             });
+    RegisterCase("Allocations/pcm/tovrel",
+                 [](benchmark::State& state)
+                 {
+                     CountAllocations(state, [](TovrelAudioPlayer& player)
+                                      { player.PlayPcm(PcmNoise(), 48000, 2); });
+                 });
 }
 
 } // namespace
