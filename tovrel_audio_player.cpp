@@ -72,6 +72,8 @@ constexpr std::chrono::seconds kHeartbeat{1}; // between reports that say nothin
 constexpr int kPcmChunksPerSecond = 100;
 constexpr int kMinPcmChunkFrames = 256;
 
+constexpr double kLatestSeconds = 9e12; // of what a file claims: 64 bits of microseconds tell it
+
 constexpr uint64_t kMaxPreloadBytes = 536870912; // 512 MiB
 constexpr int kPreloadIoBufferBytes = 65536;
 
@@ -254,7 +256,9 @@ bool TovrelAudioPlayer::PlayPcm(std::vector<float> Frames, int SampleRate, int C
 void TovrelAudioPlayer::RequestStop()
 {
     StopRequested = true;
-    Paused = false; // or the worker would sleep through its stop
+    if (Paused)
+        AnchorClock(PausedPresentationSec, 0.0); // or the time that was paused would count
+    Paused = false;                              // or the worker would sleep through its stop
     const std::lock_guard lock(AudioOutputMutex);
     if (AudioOutput)
         AudioOutput->SetActive(false);
@@ -330,7 +334,7 @@ void TovrelAudioPlayer::SetPaused(bool paused)
 {
     if (!Playing)
         return;
-    const double position = paused ? CurrentSeconds() : PausedPresentationSec.load();
+    const double position = CurrentSeconds(); // of a pause, the frozen one
     PausedPresentationSec = position;
     CurrentSec = position;
     PlaybackClockSourceSec = position;
@@ -339,7 +343,7 @@ void TovrelAudioPlayer::SetPaused(bool paused)
     Paused = paused;
     const std::lock_guard lock(AudioOutputMutex);
     if (AudioOutput)
-        AudioOutput->SetActive(!paused && !bOutputHeld);
+        AudioOutput->SetActive(!paused && !bOutputHeld && !StopRequested);
 }
 
 void TovrelAudioPlayer::TogglePaused()
@@ -1047,10 +1051,10 @@ struct ResamplerInput
 AVChannelLayout DefaultLayoutForCodec(const AVCodecContext* CodecContext)
 {
     AVChannelLayout layout{};
-    if (CodecContext->ch_layout.nb_channels > 0)
-        av_channel_layout_copy(&layout, &CodecContext->ch_layout);
-    else
+    if (CodecContext->ch_layout.nb_channels <= 0)
         av_channel_layout_default(&layout, 2);
+    else if (av_channel_layout_copy(&layout, &CodecContext->ch_layout) < 0)
+        layout = {}; // it promises channels that there was no memory for
     return layout;
 }
 
@@ -1061,7 +1065,9 @@ SwrContext* OpenResampler(AVChannelLayout inLayout, int inFormat, int inRate, in
     AVChannelLayout outLayout{};
     av_channel_layout_default(&outLayout, outChannels);
     SwrContext* swr = nullptr;
-    int rc = swr_alloc_set_opts2(&swr, &outLayout, AV_SAMPLE_FMT_FLT, outRate, &inLayout,
+    int rc = AVERROR(ENOMEM);
+    if (inLayout.nb_channels > 0)
+        rc = swr_alloc_set_opts2(&swr, &outLayout, AV_SAMPLE_FMT_FLT, outRate, &inLayout,
                                  static_cast<AVSampleFormat>(inFormat), inRate, 0, nullptr);
     av_channel_layout_uninit(&inLayout);
     av_channel_layout_uninit(&outLayout);
@@ -1107,8 +1113,8 @@ bool FitResamplerToFrame(const AVFrame& frame, SwrContext** Swr, ResamplerInput*
 }
 
 // Converts one frame into `Buffer`, which grows as needed and never shrinks. Returns the frames
-// written, 0 or less when there are none: AVERROR(ENOMEM) where there is no memory for what one
-// frame of a file with an absurd rate would become.
+// written, 0 where there are none; AVERROR(ENOMEM) where there is no memory for what one frame of a
+// file with an absurd rate would become.
 int ConvertFrame(const AVFrame& frame, SwrContext* Swr, int outRate, int outChannels,
                  std::vector<float>& Buffer)
 {
@@ -1131,8 +1137,10 @@ int ConvertFrame(const AVFrame& frame, SwrContext* Swr, int outRate, int outChan
     }
     auto* out = reinterpret_cast<uint8_t*>(Buffer.data());
     // extended_data, not data: planar audio of more than 8 channels has its planes only there.
-    return swr_convert(Swr, &out, static_cast<int>(dstSampleCount),
-                       const_cast<const uint8_t**>(frame.extended_data), frame.nb_samples);
+    const int converted =
+        swr_convert(Swr, &out, static_cast<int>(dstSampleCount),
+                    const_cast<const uint8_t**>(frame.extended_data), frame.nb_samples);
+    return std::max(converted, 0); // what cannot be converted costs its frame alone
 }
 
 // What is said of each step that can fail once a source is open. Where FFmpeg's own words follow, a
@@ -1375,7 +1383,7 @@ void TovrelAudioPlayer::DecodeThreadMain(std::string Path)
         durationSec = av_q2d(stream->time_base) * static_cast<double>(stream->duration);
     else if (chain.format->duration != AV_NOPTS_VALUE)
         durationSec = static_cast<double>(chain.format->duration) / 1000000.0;
-    DurationSec = durationSec > 0.0 ? durationSec : 0.0;
+    DurationSec = durationSec > 0.0 ? std::min(durationSec, kLatestSeconds) : 0.0;
     PausedPresentationSec = 0.0;
     const double metadataGain = MetadataGainLinear(chain.format, chain.streamIndex);
 
@@ -1404,6 +1412,7 @@ void TovrelAudioPlayer::DecodeThreadMain(std::string Path)
     {
         return StopRequested || SeekRequested;
     };
+    double reachedSec = 0.0; // the position by what was pushed, whoever stores another meanwhile
 
     // A frame's start in seconds; where it carries no time, the position reached.
     const auto frameSeconds = [&](const AVFrame* decodedFrame)
@@ -1415,8 +1424,9 @@ void TovrelAudioPlayer::DecodeThreadMain(std::string Path)
                             : decodedFrame->pts;
         if (timestamp == AV_NOPTS_VALUE)
             return CurrentSec.load();
-        return std::max(0.0, static_cast<double>(timestamp) * stream->time_base.num /
-                                 stream->time_base.den);
+        return Clamped(static_cast<double>(timestamp) * stream->time_base.num /
+                           stream->time_base.den,
+                       0.0, kLatestSeconds);
     };
 
     const auto handleSeek = [&]
@@ -1439,6 +1449,7 @@ void TovrelAudioPlayer::DecodeThreadMain(std::string Path)
         if (AudioOutput)
             AudioOutput->Clear();
         CurrentSec = target;
+        reachedSec = target;
         PausedPresentationSec = target;
         AnchorClock(target, PresentedSeconds());
         QueuedSourceEndSec = target;
@@ -1475,6 +1486,7 @@ void TovrelAudioPlayer::DecodeThreadMain(std::string Path)
         // A file that was played out reads its duration, not the start of its last frame.
         if (DurationSec > 0.0)
             CurrentSec = Clamped(endSec, 0.0, DurationSec);
+        reachedSec = CurrentSec;
     };
 
     // The FFmpeg error that ended a run of frames: EAGAIN, EOF, or a failure.
@@ -1513,6 +1525,9 @@ void TovrelAudioPlayer::DecodeThreadMain(std::string Path)
         pumpFrames();
         while (AudioOutput && AudioOutput->QueuedSeconds() > kDrainedSeconds && !StopRequested)
             std::this_thread::sleep_for(kDrainPoll);
+        // A pause, or a seek that came too late, may have moved it while the last frames played.
+        if (!StopRequested)
+            CurrentSec = reachedSec;
     }
     if (AudioOutput)
         AudioOutput->SetActive(false);
@@ -1630,8 +1645,9 @@ public:
         const std::string title = Take(stream, "title");
         if (title.empty())
             return;
-        published = artist.empty() ? title : artist + " - " + title;
-        av_dict_set(&Format->metadata, "StreamTitle", published.c_str(), 0);
+        std::string whole = artist.empty() ? title : artist + " - " + title;
+        if (av_dict_set(&Format->metadata, "StreamTitle", whole.c_str(), 0) >= 0)
+            published = std::move(whole);
     }
 
 private:
@@ -1990,6 +2006,8 @@ void TovrelAudioPlayer::PcmThreadMain(std::vector<float> Frames, int SampleRate,
         CurrentSec = std::min(secondsAt(framePos), DurationSec.load());
         std::this_thread::sleep_for(kDrainPoll);
     }
+    if (!StopRequested)
+        CurrentSec = std::min(secondsAt(framePos), DurationSec.load()); // as in DecodeThreadMain
     if (AudioOutput)
         AudioOutput->SetActive(false);
     finish();

@@ -256,7 +256,7 @@ Playlist ParsePlaylist(std::string_view text, const std::string& location)
                                                : BesideFile(entry, location));
         else if (IsOnTheNetwork(entry))
             playlist.entries.emplace_back(entry);
-        else if (!bRemote && !IsAddress(local)) // "file://..."
+        else if (!bRemote && !IsAddress(local) && !local.empty()) // "file://..."
             playlist.entries.push_back(local);
     }
     return playlist;

@@ -11,11 +11,17 @@
 namespace
 {
 
-// A case that hangs ends by itself, so that its daemon is cleaned up after.
-constexpr unsigned kWatchdogSeconds = 60;
+constexpr unsigned kWatchdogSeconds = 100;
 
 constexpr int kWrongPlace = 2;
 constexpr int kInconclusive = 75; // for the launcher: to be tried again
+
+// A case that hangs ends by itself, so that its daemon is cleaned up after.
+class Watchdog : public testing::EmptyTestEventListener
+{
+    void OnTestStart(const testing::TestInfo&) override { alarm(kWatchdogSeconds); }
+    void OnTestEnd(const testing::TestInfo&) override { alarm(0); }
+};
 
 } // namespace
 
@@ -32,8 +38,7 @@ int main(int argc, char** argv)
     }
     unsetenv("PIPEWIRE_DEBUG");    // the daemon's log is wanted, not this process's
     std::signal(SIGPIPE, SIG_IGN); // some daemons go away in the middle of a write
-    if (testing::UnitTest::GetInstance()->test_to_run_count() == 1)
-        alarm(kWatchdogSeconds);
+    testing::UnitTest::GetInstance()->listeners().Append(new Watchdog);
     const int status = RUN_ALL_TESTS();
     // Only what was recorded depends on the machine in that way.
     if (status != 0 && MonitorRecording::AnyRecorded() &&

@@ -124,6 +124,24 @@ TEST_F(Clock, PauseAnchorsEveryFieldAndHoldsTheSink)
     EXPECT_THAT(VirtualDevice::Calls(), ElementsAre("GetStreamTime", "SetActive 0"));
 }
 
+TEST_F(Clock, ResumeWithoutAPauseDoesNotThrowThePositionBack)
+{
+    PlayPcm(Ramp(48000 * 2, 2), 48000, 2);
+    VirtualTime::Step(0.1); // in which nobody asks for the position
+    player.SetPaused(false);
+    EXPECT_EQ(player.CurrentSeconds(), 0.1);
+}
+
+TEST_F(Clock, StopInAPauseDoesNotCountThePause)
+{
+    PlayPcm(Ramp(48000 * 2, 2), 48000, 2);
+    VirtualTime::Step(0.1);
+    player.SetPaused(true);
+    VirtualTime::Step(1.0);
+    player.RequestStop();
+    EXPECT_EQ(player.CurrentSeconds(), 0.1);
+}
+
 TEST_F(Clock, ResumeAnchorsAtTheFrozenPositionAndReleasesTheSink)
 {
     PlayPcm(Ramp(48000 * 20, 2), 48000, 2, 10.0);
@@ -185,6 +203,15 @@ TEST_F(Clock, SeekFractionIsClampedToTheMaterial)
     EXPECT_EQ(access.SeekTargetSec(), 0.0);
     player.SeekToFraction(0.25);
     EXPECT_EQ(access.SeekTargetSec(), 25.0);
+}
+
+TEST_F(Clock, SeekToNoNumberGoesNowhere)
+{
+    access.DurationSec() = 100.0;
+    player.SeekToSeconds(std::numeric_limits<double>::quiet_NaN());
+    player.SeekToFraction(std::numeric_limits<double>::quiet_NaN());
+    EXPECT_FALSE(access.SeekRequested());
+    EXPECT_EQ(player.CurrentSeconds(), 0.0);
 }
 
 TEST_F(Clock, SeekWithoutADurationDoesNothing)

@@ -6,6 +6,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <climits>
 #include <cmath>
 #include <fstream>
 
@@ -596,6 +598,17 @@ TEST_F(FilePlayback, TakesATimeBeforeTheStartAsTheStart)
     EXPECT_DOUBLE_EQ(access.QueuedSourceEndSec(), kBlock / kRate);
 }
 
+TEST_F(FilePlayback, TellsTheTapOfNoTimeThatMicrosecondsCannotTell)
+{
+    const ChangedFrameTimes times(INT64_MAX, INT64_MAX); // in steps of a millisecond
+    long earliest = LONG_MAX;
+    player.SetAudioPCMCallback([&](const float*, int, int, int, long us)
+                               { earliest = std::min(earliest, us); });
+    PlayFile(Media::Make("-f lavfi -i sine -t 0.5 -c:a pcm_s16le", "far.mka"));
+    RunToEnd();
+    EXPECT_EQ(earliest, 9000000000000000000);
+}
+
 // --- Pause
 
 TEST_F(FilePlayback, PushesNothingWhilePaused)
@@ -917,6 +930,22 @@ TEST_F(FilePlayback, SendsTheDecoderTheEndBeforeItWaits)
     PlayFile(Wav(3 * kBlock));
     EXPECT_FALSE(player.HasFinished());
     EXPECT_EQ(CallCount("avcodec_send_packet") - sent, 4);
+}
+
+TEST_F(FilePlayback, EndsAtItsEndAlsoAfterAPauseOrALateSeekInTheDrain)
+{
+    for (const bool bSeek : {false, true})
+    {
+        PlayFile(Wav(14400)); // 0.3 s: all of it queued, draining
+        VirtualTime::Step(0.1);
+        if (bSeek)
+            player.SeekToSeconds(0.0);
+        else
+            player.SetPaused(true);
+        player.SetPaused(false);
+        RunToEnd();
+        EXPECT_EQ(player.CurrentSeconds(), 0.3) << bSeek;
+    }
 }
 
 TEST_F(FilePlayback, EndsADrainAtOnceForAStop)

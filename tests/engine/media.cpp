@@ -1,11 +1,13 @@
 #include "media.h"
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <functional>
 #include <iterator>
 #include <stdexcept>
 
@@ -40,6 +42,28 @@ void RunFfmpeg(const std::string& arguments, const std::string& output)
         throw std::runtime_error("failed: " + command);
 }
 
+// The same, once for all the processes of this build: every test is one, and they make the same few
+// files. `key` is all that the output depends on, but for ffmpeg itself.
+void RunFfmpegOnce(const std::string& arguments, const std::string& key,
+                   const std::filesystem::path& output)
+{
+    std::error_code missing;
+    const auto ffmpegTime = std::filesystem::last_write_time("/usr/bin/ffmpeg", missing);
+    const std::string name = std::to_string(std::hash<std::string>()(key)) + '-' +
+                             std::to_string(ffmpegTime.time_since_epoch().count()) +
+                             output.extension().string();
+    const std::filesystem::path kept = std::filesystem::path(TOVREL_MEDIA) / name;
+    if (std::filesystem::copy_file(kept, output, std::filesystem::copy_options::overwrite_existing,
+                                   missing))
+        return;
+    RunFfmpeg(arguments, output.string());
+    std::filesystem::create_directories(TOVREL_MEDIA);
+    // Another process may be doing the same: what stands there under its name is whole.
+    const std::string whole = kept.string() + '.' + std::to_string(getpid());
+    std::filesystem::copy_file(output, whole);
+    std::filesystem::rename(whole, kept);
+}
+
 } // namespace
 
 namespace Media
@@ -53,9 +77,17 @@ const std::filesystem::path& Directory()
 
 std::string Make(const std::string& arguments, const std::string& name)
 {
-    const std::string path = (Directory() / name).string();
-    RunFfmpeg(arguments, path);
-    return path;
+    const std::filesystem::path path = Directory() / name;
+    if (arguments.find(Directory().string()) == arguments.npos)
+        RunFfmpegOnce(arguments, arguments, path);
+    else // from a file of this process's own
+        RunFfmpeg(arguments, path.string());
+    return path.string();
+}
+
+void MakeSeveral(const std::string& arguments, const std::string& name)
+{
+    RunFfmpeg(arguments, (Directory() / name).string());
 }
 
 std::string Write(const std::string& name, const std::string& bytes)
@@ -121,7 +153,9 @@ std::string WriteWav(const std::string& name, const std::vector<float>& samples,
 std::vector<float> Convert(const std::string& path)
 {
     const std::string raw = (Directory() / "converted.raw").string();
-    RunFfmpeg("-i '" + path + "' -map 0:a:0 -ar 48000 -ac 2 -c:a pcm_f32le -f f32le", raw);
+    const std::string conversion = "-map 0:a:0 -ar 48000 -ac 2 -c:a pcm_f32le -f f32le";
+    RunFfmpegOnce("-i '" + path + "' " + conversion,
+                  conversion + std::filesystem::path(path).extension().string() + Read(path), raw);
     const std::string bytes = Read(raw);
     std::vector<float> samples(bytes.size() / sizeof(float));
     std::memcpy(samples.data(), bytes.data(), samples.size() * sizeof(float));

@@ -16,6 +16,9 @@ const std::filesystem::path& Directory();
 // its path. Throws where ffmpeg fails.
 std::string Make(const std::string& arguments, const std::string& name);
 
+// The same where ffmpeg makes more files beside that one.
+void MakeSeveral(const std::string& arguments, const std::string& name);
+
 // A file of exactly these bytes.
 std::string Write(const std::string& name, const std::string& bytes);
 

@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <climits>
+#include <limits>
 
 namespace
 {
@@ -146,6 +147,14 @@ TEST_F(PcmPlayback, NegativeStartIsZero)
     const std::vector<float> samples = Ramp(1000, 1);
     PlayPcm(samples, 48000, 1, -3.0);
     EXPECT_EQ(VirtualDevice::Last().pushed, samples);
+}
+
+TEST_F(PcmPlayback, StartThatIsNoNumberIsZero)
+{
+    const std::vector<float> samples = Ramp(1000, 1);
+    PlayPcm(samples, 48000, 1, std::numeric_limits<double>::quiet_NaN());
+    EXPECT_EQ(VirtualDevice::Last().pushed, samples);
+    EXPECT_EQ(access.PlaybackClockSourceSec(), 0.0);
 }
 
 TEST_F(PcmPlayback, StartBeyondTheEndFinishesAtOnce)
@@ -378,6 +387,15 @@ TEST_F(PcmPlayback, DrainKeepsThePositionAtTheEnd)
     access.CurrentSec() = 0.0;
     VirtualTime::Step(0.02);
     EXPECT_EQ(access.CurrentSec(), 0.2);
+}
+
+TEST_F(PcmPlayback, EndsAtItsEndAlsoAfterALateSeekInTheLastPollOfTheDrain)
+{
+    PlayPcm(Ramp(9600, 2), 48000, 2); // 0.2 s
+    VirtualTime::Step(0.175);
+    player.SeekToFraction(0.0);
+    RunToEnd();
+    EXPECT_EQ(player.CurrentSeconds(), 0.2);
 }
 
 TEST_F(PcmPlayback, StopDuringTheDrainEndsItAtOnce)

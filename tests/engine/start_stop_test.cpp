@@ -67,6 +67,14 @@ TEST_F(StartStop, RequestStopWakesAPausedWorker)
     EXPECT_TRUE(player.HasFinished());
 }
 
+TEST_F(StartStop, ResumeAfterRequestStopStaysSilent)
+{
+    PlayPcm(Ramp(48000, 2), 48000, 2);
+    player.RequestStop();
+    player.SetPaused(false);
+    EXPECT_FALSE(VirtualDevice::Last().bActive);
+}
+
 TEST_F(StartStop, RequestStopComesFromAnyThread)
 {
     player.SetAudioPCMCallback([this](const float*, int, int, int, long) { player.RequestStop(); });

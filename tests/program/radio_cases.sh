@@ -356,6 +356,10 @@ case_playlist_of_nothing() {
     printf '#EXTM3U\n\n' >empty.m3u
     bad_list empty.m3u "$nothing"
 }
+case_playlist_whose_address_names_no_file() {
+    printf 'file://localhost\nfile://\n' >host.m3u
+    bad_list host.m3u "$nothing"
+}
 case_playlist_that_is_music() {
     tone music.wav 0.3
     mv music.wav music.m3u

@@ -1,10 +1,13 @@
 #include "dictionary_log.h"
 
+#include "wrapped_calls.h"
+
 #include <mutex>
 
 extern "C"
 {
 #include <libavutil/dict.h>
+#include <libavutil/error.h>
 }
 
 namespace
@@ -41,6 +44,7 @@ extern "C"
             g_entries.push_back(std::string(key) + "=" + (value ? value : "") + " " +
                                 std::to_string(flags));
         }
-        return __real_av_dict_set(dictionary, key, value, flags);
+        return FailsHere("av_dict_set") ? AVERROR(ENOMEM)
+                                        : __real_av_dict_set(dictionary, key, value, flags);
     }
 }

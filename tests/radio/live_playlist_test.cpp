@@ -20,9 +20,9 @@ protected:
     // ends. A segment is sent whole, or as these scripts say.
     void Serve(std::map<std::string, Script> scripts = {}, bool bEnds = true)
     {
-        Media::Make("-f lavfi -i sine=d=12:r=48000 -ac 2 -c:a aac -hls_time 3 -hls_list_size 0 "
-                    "-f hls",
-                    "live.m3u8");
+        Media::MakeSeveral("-f lavfi -i sine=d=12:r=48000 -ac 2 -c:a aac -hls_time 3 "
+                           "-hls_list_size 0 -f hls",
+                           "live.m3u8");
         server = std::make_unique<ScriptedServer>(
             [=, lists = size_t{0}, scripts = std::move(scripts)](const std::string& request) mutable
             {

@@ -103,7 +103,7 @@ bool HasOpenssl()
 
 TEST_F(Protocols, HlsPlaylistPlays)
 {
-    Media::Make(
+    Media::MakeSeveral(
         "-f lavfi -i sine=d=1.8:r=48000 -ac 2 -c:a aac -hls_time 0.5 -hls_list_size 0 -f hls",
         "radio.m3u8");
     ScriptedServer radio(

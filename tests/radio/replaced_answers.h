@@ -1,17 +1,13 @@
 // Answers that FFmpeg gives to the engine, replaced by the tests' own.
 #pragma once
 
+#include "wrapped_calls.h"
+
 // While it lives, one conversion, after `skip` others, is not done and answers `code`.
-class ConversionAnswer
+class ConversionAnswer : public FailingCall
 {
 public:
-    explicit ConversionAnswer(int code, int skip);
-    ~ConversionAnswer();
-    ConversionAnswer(const ConversionAnswer&) = delete;
-    ConversionAnswer& operator=(const ConversionAnswer&) = delete;
-
-    // Whether the conversion came.
-    bool Happened() const;
+    ConversionAnswer(int code, int skip) : FailingCall("swr_convert", code, skip) {}
 };
 
 // While it lives, no error has a text.

@@ -4,7 +4,9 @@
 #include <cstdio>
 #include <memory>
 
+using testing::Contains;
 using testing::ElementsAre;
+using testing::Not;
 
 namespace
 {
@@ -128,6 +130,14 @@ TEST_F(StoppingRadio, WhilePlaying)
     VirtualTime::Step(0.5055);
     ExpectQuickStop("playing");
     EXPECT_EQ(reports.Count(StreamState::Reconnecting), 0u);
+}
+
+TEST_F(StoppingRadio, InTheBlockThatFillsTheStartBufferStaysSilent)
+{
+    InBlock(kStartBlocks, [this] { player.RequestStop(); });
+    PlayScripts({Endless(4.0)});
+    EXPECT_EQ(VirtualDevice::Calls().back(), "delete");
+    EXPECT_THAT(VirtualDevice::Calls(), Not(Contains("SetActive 1")));
 }
 
 TEST_F(StoppingRadio, WhilePausedAndTheQueueIsFull)
