@@ -1484,9 +1484,8 @@ void TovrelAudioPlayer::DecodeThreadMain(std::string Path)
         const double endSec = startSec + static_cast<double>(outSamples) / outRate;
         QueuedSourceEndSec = endSec;
         // A file that was played out reads its duration, not the start of its last frame.
-        if (DurationSec > 0.0)
-            CurrentSec = Clamped(endSec, 0.0, DurationSec);
-        reachedSec = CurrentSec;
+        reachedSec = DurationSec > 0.0 ? Clamped(endSec, 0.0, DurationSec) : startSec;
+        CurrentSec = reachedSec;
     };
 
     // The FFmpeg error that ended a run of frames: EAGAIN, EOF, or a failure.

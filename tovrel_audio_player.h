@@ -181,7 +181,7 @@ public:
     // once, also while paused; the worker follows at its next step. In compressed files sound
     // resumes at the nearest point before the target from which decoding is possible. Does nothing
     // where the duration is unknown or `seconds` is not a number, and comes too late once the last
-    // block is queued: up to 0.5 s before the end of a file, 0.35 s before that of a buffer.
+    // block is queued, which is half a second before the end of a file, a third before a buffer's.
     void SeekToSeconds(double seconds);
 
     // The same with a fraction of the duration, clamped to [0, 1].
