@@ -507,6 +507,12 @@ void MonitorRecording::TakeBuffer() noexcept
     pw_buffer* buffer = pw_stream_dequeue_buffer(m_stream);
     if (!buffer)
         return;
+    if (m_linkingCycles > 0)
+    {
+        --m_linkingCycles;
+        pw_stream_queue_buffer(m_stream, buffer);
+        return;
+    }
     pw_time time{};
     pw_stream_get_time_n(m_stream, &time, sizeof time);
     const spa_data& data = buffer->buffer->datas[0];

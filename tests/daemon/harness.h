@@ -249,6 +249,9 @@ private:
     void Close();
     void TakeBuffer() noexcept;
 
+    // The channels of a stream are linked one after the other: in its first cycles, which are left
+    // out, it may get only some of them.
+    int m_linkingCycles = 2;
     std::vector<float> m_samples; // has its full size from the start
     std::vector<Cycle> m_cycles;  // has its full capacity from the start
     std::atomic<size_t> m_frames{0};

@@ -11,7 +11,7 @@
 namespace
 {
 
-constexpr unsigned kWatchdogSeconds = 100;
+constexpr unsigned kWatchdogSeconds = 60;
 
 constexpr int kWrongPlace = 2;
 constexpr int kInconclusive = 75; // for the launcher: to be tried again

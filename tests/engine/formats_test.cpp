@@ -382,10 +382,10 @@ TEST_F(Formats, PlaneBehindTheEighthIsHeard)
 // A thousand frames of such a file are a quarter of an hour.
 TEST_F(Formats, LowestRateOfAllPlays)
 {
-    const size_t frames = Play(Media::WriteWav("lowest.wav", Ramp(1000, 2), 1, 2)).size() / 2;
-    EXPECT_EQ(frames, (1000 - 16) * 48000u);
+    const size_t frames = Play(Media::WriteWav("lowest.wav", Ramp(100, 2), 1, 2)).size() / 2;
+    EXPECT_EQ(frames, (100 - 16) * 48000u);
     EXPECT_EQ(player.LastError(), "");
-    EXPECT_EQ(player.DurationSeconds(), 1000.0);
+    EXPECT_EQ(player.DurationSeconds(), 100.0);
 }
 
 // One packet of this one would be four and a half hours at once.

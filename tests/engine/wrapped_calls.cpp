@@ -72,7 +72,7 @@ int& CountOf(Counts& counts, const char* function)
 // The code with which this call of the function fails, if it is one that does.
 std::optional<int> Failure(const char* function)
 {
-    std::function<void()> act;
+    std::vector<std::function<void()>> acts;
     std::optional<int> code;
     {
         const std::lock_guard lock(g_mutex);
@@ -82,12 +82,12 @@ std::optional<int> Failure(const char* function)
             g_recorded.emplace_back(function);
         for (auto& [owner, during] : g_during)
             if (during.first.Comes(function))
-                act = during.second;
+                acts.push_back(during.second);
         for (auto& [owner, failing] : g_failing)
             if (failing.first.Comes(function))
                 code = failing.second;
     }
-    if (act)
+    for (const auto& act : acts)
         act(); // without the lock: it may call anything
     return code;
 }

@@ -86,6 +86,7 @@ private:
     Findings m_findings;
     Machine m_machine;
     std::optional<Holdings> m_warm;     // after the first round
+    std::optional<Holdings> m_last;     // after the last one
     std::optional<size_t> m_daemonWarm; // the descriptors of each daemon, after its first round
     std::optional<Session> m_session;
 };
@@ -102,6 +103,7 @@ void Soak::Run(int seconds)
         for (const std::string& growth : GrowthTo(now))
             m_report.Fail(growth);
         m_warm = m_warm.value_or(now);
+        m_last = now;
         m_daemonWarm = m_daemonWarm.value_or(now.daemonDescriptors);
         if (round % kRoundsToRestart == 1)
             RestartDaemon();
@@ -234,6 +236,7 @@ int Soak::Verdict() const
               << m_findings.excused << " excused by a busy machine\n"
               << "lost " << m_findings.lost << ", doubled " << m_findings.doubled << ", foreign "
               << m_findings.foreign << " frames; underruns " << m_findings.underruns << '\n'
+              << "after the first round: " << *m_warm << "\nafter the last one: " << *m_last << '\n'
               << m_report.Failures() << " failures" << std::endl;
     if (m_report.Failures() > 0)
         return EXIT_FAILURE;

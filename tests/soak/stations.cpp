@@ -28,6 +28,7 @@ constexpr std::array kRadioTexts = {
     "Failed to open radio stream: Input/output error",
     "Failed to open radio stream: Invalid data found when processing input",
     "Failed to open radio stream: Server returned 404 Not Found",
+    "Failed to read radio stream info: Immediate exit requested", // by a stop
     "Radio decode failed: Invalid data found when processing input",
     "End of file",
     "Input/output error",
