@@ -84,7 +84,7 @@ TEST(SinkInitWithoutADeadline, DoesNotWaitForADaemonThatSaysNothing)
     EXPECT_LE(taken.count(), kSlack.count());
 }
 
-// Whoever adds a call to Init is told to add its failure.
+// One more of these calls in Init would be one whose failure nobody tries.
 TEST(SinkInit, MakesNoOtherCallThatCanFail)
 {
     const std::map<const char*, int> expected = {

@@ -1,6 +1,6 @@
-// What the sink's process callback does on PipeWire's thread, as the C library sees it. Whatever
-// this program and its libraries allocate, release, lock or wait for is counted while a traced
-// region runs on the thread that does it, and nothing else is.
+// What the sink's process callback does on PipeWire's thread, as the C library sees it. What this
+// program and its libraries allocate, release, lock or wait for, by the functions that stand in
+// traced_callback.cpp, is counted while a traced region runs on the thread that does it.
 #pragma once
 
 #include "pipewire_player.h"
