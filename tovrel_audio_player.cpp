@@ -894,7 +894,6 @@ int64_t SeekCachedFile(void* Opaque, int64_t Offset, int Whence)
     switch (Whence & ~AVSEEK_FORCE)
     {
     case SEEK_SET:
-        base = 0;
         break;
     case SEEK_CUR:
         base = static_cast<int64_t>(cache.Position);
@@ -1097,8 +1096,6 @@ bool FitResamplerToFrame(const AVFrame& frame, SwrContext** Swr, ResamplerInput*
     const ResamplerInput wanted{frame.ch_layout.nb_channels, frame.format, frame.sample_rate};
     if (wanted == *Input)
         return true;
-    if (wanted.channels <= 0 || wanted.rate <= 0)
-        return false;
     AVChannelLayout layout{};
     if (av_channel_layout_copy(&layout, &frame.ch_layout) < 0)
         return false;
