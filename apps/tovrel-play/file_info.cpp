@@ -53,8 +53,13 @@ FileInfo ReadFileInfo(const std::string& path)
     if (!format)
         return {};
     FileInfo info;
-    std::string title = Tag(format->metadata, "title");
-    std::string artist = Tag(format->metadata, "artist");
+    const auto take = [&info](const AVDictionary* metadata)
+    {
+        info.title = Tag(metadata, "title");
+        info.artist = Tag(metadata, "artist");
+        info.album = Tag(metadata, "album");
+    };
+    take(format->metadata);
     // Matroska states only the length of the whole, which may be that of the pictures.
     info.bStatesLength = format->nb_streams == 1 && format->duration != AV_NOPTS_VALUE;
     for (unsigned i = 0; i < format->nb_streams; ++i)
@@ -63,12 +68,14 @@ FileInfo ReadFileInfo(const std::string& path)
         if (stream->codecpar->codec_type != AVMEDIA_TYPE_AUDIO)
             continue;
         info.bStatesLength = info.bStatesLength || stream->duration != AV_NOPTS_VALUE;
-        if (title.empty()) // Ogg keeps them with the stream
-        {
-            title = Tag(stream->metadata, "title");
-            artist = Tag(stream->metadata, "artist");
-        }
+        if (info.title.empty()) // Ogg keeps them with the stream
+            take(stream->metadata);
     }
-    info.title = title.empty() || artist.empty() ? title : artist + " - " + title;
     return info;
+}
+
+std::string TitleLine(const FileInfo& info)
+{
+    const bool bBoth = !info.title.empty() && !info.artist.empty();
+    return bBoth ? info.artist + " - " + info.title : info.title;
 }

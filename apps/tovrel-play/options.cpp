@@ -1,30 +1,41 @@
 #include "options.h"
 
+#include "control.h"
+#include "recorder.h"
+
 #include <CLI/CLI.hpp>
 
+#include <algorithm>
 #include <charconv>
 #include <cstdio>
 #include <limits>
+#include <memory>
 #include <string_view>
 
 namespace
 {
 
 constexpr int kUsageError = 2; // the exit status
-constexpr double kMaxGainDb = 18.0;
 
-constexpr const char* kFooter = R"(Keys, on a terminal:
-  space         pause, go on           up, down   volume
-  left, right   seek 5 seconds         [, ]       pan to the left, to the right
-  e             equalizer off, on      q          quit
+constexpr int kMaxRateHz = 768000;
+constexpr int kMaxChannels = 64;
 
-Exit status:
-  0   everything was played           2        the arguments make no sense
-  1   something could not be played   128 + n  stopped by signal n (Ctrl-C 130))";
+constexpr const char* kFooter =
+    "Exit status: 0 all played, 1 not all, 2 arguments, 128 + n signal n. Keys: ?";
+
+// What stands in the usage alone needs no list of its own.
+struct Formatter : CLI::Formatter
+{
+    std::string make_usage(const CLI::App* /*app*/, std::string /*name*/) const override
+    {
+        return "Usage: tovrel-play [OPTIONS] SOURCE...\n";
+    }
+};
 
 // The whole of `text` as a number in [low, high]. Points are points in every locale, and what is
 // not a number ("nan") lies in no range.
-bool ParseNumber(std::string_view text, double low, double high, double& number)
+template <class Number>
+bool ParseNumber(std::string_view text, Number low, Number high, Number& number)
 {
     if (text.size() > 1 && text.front() == '+' && text[1] != '-')
         text.remove_prefix(1);
@@ -33,19 +44,22 @@ bool ParseNumber(std::string_view text, double low, double high, double& number)
     return error == std::errc() && stop == end && number >= low && number <= high;
 }
 
-void AddNumber(CLI::App& app, const std::string& name, const std::string& type, double low,
-               double high, double& target, const std::string& description)
+template <class Number>
+CLI::Option* AddNumber(CLI::App& app, const std::string& name, const std::string& type, Number low,
+                       Number high, Number& target, const std::string& description)
 {
     const auto parse = [=, &target](const std::string& text)
     {
         if (ParseNumber(text, low, high, target))
             return;
         std::string range = "from " + CLI::detail::to_string(low);
-        if (high < std::numeric_limits<double>::max())
+        if (high < std::numeric_limits<Number>::max())
             range += " to " + CLI::detail::to_string(high);
         throw CLI::ValidationError(name, "'" + text + "' is not a number " + range);
     };
-    app.add_option_function<std::string>(name, parse, description)->type_name(type)->take_last();
+    return app.add_option_function<std::string>(name, parse, description)
+        ->type_name(type)
+        ->take_last();
 }
 
 void ParseGains(const std::string& text, Options& options)
@@ -64,28 +78,56 @@ void ParseGains(const std::string& text, Options& options)
 std::optional<Options> ParseOptions(int argc, char** argv, int& exitStatus)
 {
     Options options;
-    CLI::App app{"Plays files and internet radio through PipeWire, one after the other.",
+    CLI::App app{"Plays files, folders, playlists (.m3u, .pls, .xspf) and radio through PipeWire.\n"
+                 "The source - is standard input, raw 32-bit floats.",
                  "tovrel-play"};
-    app.get_formatter()->column_width(20);
-    app.get_formatter()->label("REQUIRED", "");
-    app.add_option("FILE|URL", options.names, "Files, streams, and playlists (.m3u, .pls) of them")
-        ->required()
-        ->type_name("");
-    AddNumber(app, "--volume", "V", 0.0, 1.5, options.volume, "Linear volume, 0 to 1.5");
+    app.formatter(std::make_shared<Formatter>());
+    app.get_formatter()->column_width(22);
+    app.add_option("SOURCE", options.names)->group("");
+    double volume = 1.0;
+    double duration = 0.0;
+    const double most = std::numeric_limits<double>::max();
+    CLI::Option* volumeOption =
+        AddNumber(app, "--volume", "V", 0.0, kMaxVolume, volume, "Linear volume, 0 to 1.5");
     AddNumber(app, "--pan", "P", -1.0, 1.0, options.pan, "Pan, -1 (left) to 1 (right)");
     app.add_option_function<std::string>(
            "--eq", [&](const std::string& text) { ParseGains(text, options); },
            "dB (-18 to 18) at 31 62 125 250 500 1k 2k 4k 8k 16k Hz")
         ->type_name("G0,..,G9")
         ->take_last();
-    AddNumber(app, "--start", "SECONDS", 0.0, std::numeric_limits<double>::max(),
-              options.startSeconds, "Start every file at this position");
+    AddNumber(app, "--start", "SECONDS", 0.0, most, options.startSeconds,
+              "Start every file at this position");
+    CLI::Option* durationOption =
+        AddNumber(app, "--duration", "SECONDS", 0.0, most, duration, "End after this time");
+    app.add_flag("--shuffle", options.bShuffle, "Play in random order");
+    app.add_flag("--repeat", options.bRepeat, "Begin anew after the last one");
+    app.add_flag("--once", options.bOnce, "End after the last one, also in full screen");
+    app.add_flag("--line", options.bLine, "One line instead of the full screen");
+    app.add_flag("--json", options.bJson, "Tell what happens in lines of JSON");
+    app.add_flag(
+        "--no-input", [&](auto) { options.bKeys = false; }, "Read no keys");
+    app.add_option("--record", options.recording, "Write what is played (.wav, .flac)")
+        ->type_name("FILE")
+        ->take_last();
+    AddNumber(app, "--rate", "HZ", 1, kMaxRateHz, options.rateHz, "Of standard input");
+    AddNumber(app, "--channels", "N", 1, kMaxChannels, options.channels, "Of standard input");
     app.set_version_flag("--version", "tovrel-play " TOVREL_VERSION, "Print the version");
     app.set_help_flag("-h,--help", "Print this help");
     app.footer(kFooter);
     try
     {
         app.parse(argc, argv);
+        if (*volumeOption)
+            options.volume = volume;
+        if (*durationOption)
+            options.durationSeconds = duration;
+        if (options.names.empty())
+            throw CLI::RequiredError("SOURCE");
+        if (!options.recording.empty() && !Recorder::Knows(options.recording))
+            throw CLI::ValidationError("--record", "'" + options.recording +
+                                                       "' ends in neither .wav nor .flac");
+        if (std::count(options.names.begin(), options.names.end(), "-") > 1)
+            throw CLI::ValidationError("-", "standard input can be read only once");
         return options;
     }
     catch (const CLI::Success& answer) // --help, --version

@@ -6,7 +6,11 @@
 #include <cerrno>
 #include <charconv>
 #include <chrono>
+#include <filesystem>
 #include <map>
+
+#include <glob.h>
+#include <pugixml.hpp>
 
 extern "C"
 {
@@ -26,6 +30,12 @@ constexpr std::chrono::seconds kTimeLimit{15};
 constexpr size_t kEntryLimit = 10000;
 constexpr size_t kSizeLimit = 1 << 20; // bytes; what is longer is no list of titles
 constexpr char kTooLong[] = "This playlist is too long.";
+constexpr char kNothing[] = "This playlist holds nothing to play.";
+constexpr std::string_view kPlaylistEndings[] = {".m3u", ".m3u8", ".pls", ".xspf"};
+constexpr std::string_view kSoundEndings[] = {
+    ".aac",  ".ac3",  ".aif", ".aiff", ".alac", ".amr", ".ape", ".au",  ".caf", ".dsf",
+    ".dts",  ".flac", ".m4a", ".m4b",  ".mka",  ".mp2", ".mp3", ".mpc", ".oga", ".ogg",
+    ".opus", ".spx",  ".tak", ".tta",  ".voc",  ".wav", ".wma", ".wv"};
 constexpr char kSilenceLimit[] = "3000000"; // microseconds without a byte from a server
 
 bool EqualsIgnoringCase(std::string_view left, std::string_view right)
@@ -46,9 +56,16 @@ bool EndsWithIgnoringCase(std::string_view text, std::string_view end)
            EqualsIgnoringCase(text.substr(text.size() - end.size()), end);
 }
 
+template <size_t kCount>
+bool EndsWithAnyOf(std::string_view text, const std::string_view (&ends)[kCount])
+{
+    return std::any_of(std::begin(ends), std::end(ends),
+                       [=](std::string_view end) { return EndsWithIgnoringCase(text, end); });
+}
+
 std::string_view Trimmed(std::string_view text)
 {
-    constexpr std::string_view kSpace = " \t\r";
+    constexpr std::string_view kSpace = " \t\r\n";
     const size_t first = text.find_first_not_of(kSpace);
     return first == text.npos ? std::string_view()
                               : text.substr(first, text.find_last_not_of(kSpace) + 1 - first);
@@ -103,6 +120,37 @@ std::vector<std::string_view> PlsEntries(const std::vector<std::string_view>& li
     return entries;
 }
 
+// "<location>" of each "<track>". The XML reader has resolved what is escaped for XML; what is
+// escaped as an address stays.
+std::vector<std::string> XspfEntries(const std::string& text)
+{
+    std::vector<std::string> entries;
+    pugi::xml_document document;
+    document.load_buffer(text.data(), text.size());
+    for (const pugi::xml_node track :
+         document.child("playlist").child("trackList").children("track"))
+        entries.emplace_back(Trimmed(track.child_value("location")));
+    std::erase_if(entries, [](const std::string& entry)
+                  { return entry.empty() || entry.find_first_of("\r\n") != entry.npos; });
+    return entries;
+}
+
+// A name that is escaped as an address is.
+std::string Unescaped(std::string_view rest)
+{
+    std::string path;
+    while (!rest.empty())
+    {
+        unsigned char escaped = 0; // also what is no escape; a name has no zero bytes
+        if (rest.front() == '%' && rest.size() >= 3 &&
+            std::from_chars(rest.data() + 1, rest.data() + 3, escaped, 16).ptr != rest.data() + 3)
+            escaped = 0;
+        path += escaped ? static_cast<char>(escaped) : rest.front();
+        rest.remove_prefix(escaped ? 3 : 1);
+    }
+    return path;
+}
+
 // Playlists come from strangers: FFmpeg's other protocols reach files, devices and standard input.
 bool IsOnTheNetwork(std::string_view address)
 {
@@ -142,7 +190,9 @@ std::string BesideFile(std::string_view entry, const std::string& playlist)
 {
     if (entry.front() == '/')
         return std::string(entry);
-    return playlist.substr(0, playlist.rfind('/') + 1) + std::string(entry); // npos + 1 is 0
+    const std::string file =
+        playlist.substr(0, playlist.rfind('/') + 1) + std::string(entry); // npos + 1 is 0
+    return FileName(file);
 }
 
 struct Limits
@@ -212,23 +262,33 @@ std::string LocalName(const std::string& name)
         return name;
     std::string_view rest = std::string_view(name).substr(kScheme.size());
     rest.remove_prefix(std::min(rest.find('/'), rest.size())); // "localhost"
-    std::string path;
-    while (!rest.empty())
-    {
-        unsigned char escaped = 0; // also what is no escape; a name has no zero bytes
-        if (rest.front() == '%' && rest.size() >= 3 &&
-            std::from_chars(rest.data() + 1, rest.data() + 3, escaped, 16).ptr != rest.data() + 3)
-            escaped = 0;
-        path += escaped ? static_cast<char>(escaped) : rest.front();
-        rest.remove_prefix(escaped ? 3 : 1);
-    }
-    return path;
+    return Unescaped(rest);
 }
 
 bool IsPlaylist(std::string_view name)
 {
     const std::string_view path = IsAddress(name) ? WithoutQuery(name) : name;
-    return EndsWithIgnoringCase(path, ".m3u") || EndsWithIgnoringCase(path, ".pls");
+    return EndsWithAnyOf(path, kPlaylistEndings);
+}
+
+std::vector<std::string> MatchingFiles(const std::string& name)
+{
+    std::error_code error;
+    if (IsAddress(name) || name.find_first_of("*?[") == name.npos ||
+        std::filesystem::exists(name, error))
+        return {name};
+    glob_t found{};
+    std::vector<std::string> names;
+    if (glob(name.c_str(), 0, nullptr, &found) == 0)
+        std::transform(found.gl_pathv, found.gl_pathv + found.gl_pathc, std::back_inserter(names),
+                       FileName);
+    globfree(&found);
+    return names.empty() ? std::vector{name} : names;
+}
+
+std::string FileName(const std::string& file)
+{
+    return IsAddress(file) || file == "-" ? "./" + file : file;
 }
 
 Playlist ParsePlaylist(std::string_view text, const std::string& location)
@@ -240,25 +300,54 @@ Playlist ParsePlaylist(std::string_view text, const std::string& location)
                     [](std::string_view line) { return line.substr(0, 7) == "#EXT-X-"; });
     if (playlist.bOneStream || text.find('\0') != text.npos) // the latter is no text
         return playlist;
+    const bool bXml = !lines.empty() && lines.front().front() == '<';
     const bool bPls = !lines.empty() && EqualsIgnoringCase(lines.front(), "[playlist]");
-    const std::vector<std::string_view> entries = bPls ? PlsEntries(lines) : M3uEntries(lines);
+    std::vector<std::string> entries;
+    if (bXml)
+        entries = XspfEntries(std::string(text));
+    else
+        for (const std::string_view entry : bPls ? PlsEntries(lines) : M3uEntries(lines))
+            entries.emplace_back(entry);
     if (entries.size() > kEntryLimit)
     {
         playlist.error = kTooLong;
         return playlist;
     }
     const bool bRemote = IsAddress(location);
-    for (const std::string_view entry : entries)
+    for (const std::string& entry : entries)
     {
-        const std::string local = LocalName(std::string(entry));
+        const std::string local = LocalName(entry);
         if (!IsAddress(entry))
-            playlist.entries.push_back(bRemote ? BesideAddress(entry, location)
-                                               : BesideFile(entry, location));
+            playlist.entries.push_back(bRemote
+                                           ? BesideAddress(entry, location)
+                                           // In XSPF also what has no scheme is an address.
+                                           : BesideFile(bXml ? Unescaped(entry) : entry, location));
         else if (IsOnTheNetwork(entry))
-            playlist.entries.emplace_back(entry);
+            playlist.entries.push_back(entry);
         else if (!bRemote && !IsAddress(local) && !local.empty()) // "file://..."
             playlist.entries.push_back(local);
     }
+    return playlist;
+}
+
+Playlist ReadFolder(const std::string& folder, const std::atomic<bool>& bCancel)
+{
+    namespace fs = std::filesystem;
+    Playlist playlist;
+    std::error_code error;
+    for (fs::recursive_directory_iterator file(
+             folder, fs::directory_options::skip_permission_denied, error);
+         !error && file != fs::recursive_directory_iterator() && !bCancel; file.increment(error))
+    {
+        const std::string name = file->path().string();
+        std::error_code ignored;
+        if (EndsWithAnyOf(name, kSoundEndings) && !file->is_directory(ignored))
+            playlist.entries.push_back(name);
+    }
+    std::sort(playlist.entries.begin(), playlist.entries.end());
+    if (playlist.entries.empty())
+        playlist.error = error ? "Failed to read the folder: " + error.message()
+                               : "This folder holds nothing to play.";
     return playlist;
 }
 
@@ -278,6 +367,6 @@ Playlist ReadPlaylist(const std::string& location, const std::atomic<bool>& bCan
     else
         playlist = ParsePlaylist(text, found);
     if (playlist.entries.empty() && !playlist.bOneStream && playlist.error.empty())
-        playlist.error = "This playlist holds nothing to play.";
+        playlist.error = kNothing;
     return playlist;
 }

@@ -38,14 +38,13 @@ bool IsDumb()
     return !name || !*name || std::string_view(name) == "dumb";
 }
 
-// Without job control there is no background.
+} // namespace
+
 bool IsForeground()
 {
     const pid_t group = tcgetpgrp(STDOUT_FILENO);
     return group == -1 || group == getpgrp();
 }
-
-} // namespace
 
 // ------------------------------------------------------------------------------------------------
 // Keys
@@ -65,6 +64,10 @@ std::vector<Key> KeyParser::Parse(const char* bytes, size_t count)
             return keys.push_back(Key::PanRight);
         case 'e':
             return keys.push_back(Key::Equalizer);
+        case 'n':
+            return keys.push_back(Key::Next);
+        case 'p':
+            return keys.push_back(Key::Previous);
         case 'q':
             return keys.push_back(Key::Quit);
         default:
@@ -121,9 +124,9 @@ void KeyParser::ForgetEscape()
 // ------------------------------------------------------------------------------------------------
 // Terminal
 
-Terminal::Terminal() : m_bTerminal(isatty(STDOUT_FILENO) && !IsDumb())
+Terminal::Terminal(bool bUse, bool bKeys) : m_bTerminal(bUse && isatty(STDOUT_FILENO) && !IsDumb())
 {
-    m_bKeys = m_bTerminal && tcgetattr(STDIN_FILENO, &m_settings) == 0;
+    m_bKeys = bKeys && m_bTerminal && tcgetattr(STDIN_FILENO, &m_settings) == 0;
 }
 
 void Terminal::Update()

@@ -5,6 +5,9 @@
 #include <termios.h>
 #include <vector>
 
+// Whether the terminal is this program's at the moment. Without job control it always is.
+bool IsForeground();
+
 enum class Key
 {
     Pause,
@@ -15,6 +18,8 @@ enum class Key
     PanLeft,
     PanRight,
     Equalizer,
+    Next,
+    Previous,
     Quit,
 };
 
@@ -43,7 +48,8 @@ private:
 class Terminal
 {
 public:
-    Terminal();
+    // `bUse`: whether it is to be drawn on at all.
+    Terminal(bool bUse, bool bKeys);
     ~Terminal() { Leave(); }
     Terminal(const Terminal&) = delete;
     Terminal& operator=(const Terminal&) = delete;

@@ -44,18 +44,6 @@ Character CharacterAt(const std::string& text, size_t position)
     return {bytes, columns, true};
 }
 
-int Columns(const std::string& text)
-{
-    int columns = 0;
-    for (size_t i = 0; i < text.size();)
-    {
-        const Character c = CharacterAt(text, i);
-        columns += c.columns;
-        i += c.bytes;
-    }
-    return columns;
-}
-
 // The longest beginning of `text` that takes no more than `columns`.
 std::string Beginning(const std::string& text, int columns)
 {
@@ -69,18 +57,6 @@ std::string Beginning(const std::string& text, int columns)
         end += c.bytes;
     }
     return text.substr(0, end);
-}
-
-// Exactly `columns` columns, cut with an ellipsis or filled with spaces.
-std::string Fitted(const std::string& text, int columns)
-{
-    constexpr int kEllipsis = 3;
-    std::string fitted = text;
-    if (Columns(text) > columns)
-        fitted = columns > kEllipsis ? Beginning(text, columns - kEllipsis) + "..."
-                                     : Beginning(text, columns);
-    fitted.append(static_cast<size_t>(std::max(columns - Columns(fitted), 0)), ' ');
-    return fitted;
 }
 
 std::string Bar(const LiveState& live, int columns)
@@ -107,14 +83,6 @@ std::string VolumeText(double volume)
     return buffer.data();
 }
 
-std::string PanText(double pan)
-{
-    const long percent = std::lround(pan * 100.0);
-    if (percent == 0)
-        return "";
-    return (percent < 0 ? "pan L" : "pan R") + std::to_string(std::labs(percent));
-}
-
 std::string EqualizerText(const LiveState& live)
 {
     if (!live.bEqualizer)
@@ -123,6 +91,45 @@ std::string EqualizerText(const LiveState& live)
 }
 
 } // namespace
+
+int Columns(const std::string& text)
+{
+    int columns = 0;
+    for (size_t i = 0; i < text.size();)
+    {
+        const Character c = CharacterAt(text, i);
+        columns += c.columns;
+        i += c.bytes;
+    }
+    return columns;
+}
+
+std::string Fitted(const std::string& text, int columns)
+{
+    constexpr int kEllipsis = 3;
+    std::string fitted = text;
+    if (Columns(text) > columns)
+        fitted = columns > kEllipsis ? Beginning(text, columns - kEllipsis) + "..."
+                                     : Beginning(text, columns);
+    fitted.append(static_cast<size_t>(std::max(columns - Columns(fitted), 0)), ' ');
+    return fitted;
+}
+
+std::string Ascii(const std::string& text)
+{
+    std::string ascii;
+    for (size_t i = 0; i < text.size(); i += CharacterAt(text, i).bytes)
+        ascii += static_cast<unsigned char>(text[i]) < 0x80 ? text[i] : '?';
+    return ascii;
+}
+
+std::string PanText(double pan)
+{
+    const long percent = std::lround(pan * 100.0);
+    if (percent == 0)
+        return "";
+    return (percent < 0 ? "pan L" : "pan R") + std::to_string(std::labs(percent));
+}
 
 std::string Printable(const std::string& text)
 {

@@ -10,13 +10,25 @@ std::string Printable(const std::string& text);
 // Seconds as m:ss, or as h:mm:ss with `bHours`; "-:--" where they are unknown (negative).
 std::string ClockText(double seconds, bool bHours = false);
 
+// Columns that a terminal needs for it.
+int Columns(const std::string& text);
+
+// Exactly `columns` columns, cut with an ellipsis or filled with spaces.
+std::string Fitted(const std::string& text, int columns);
+
+// What an ASCII terminal can show of it: every other character is a question mark.
+std::string Ascii(const std::string& text);
+
+// "pan L20"; empty in the middle.
+std::string PanText(double pan);
+
 // What the live line tells.
 struct LiveState
 {
     std::string title;      // printable
     double position = 0.0;  // seconds; negative: unknown
     double duration = -1.0; // seconds; negative: unknown
-    bool bEndless = false;  // a stream, which has no duration
+    bool bEndless = false;  // a stream, or what is still being read: there is no duration
     double volume = 1.0;    // linear
     double pan = 0.0;
     bool bEqualizer = true; // switched on

@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Use: scripts/with-null-sink tests/program/program_test.sh PROGRAM CASE
 #
-# Runs one case on the player program; each function case_CASE here and in radio_cases.sh is one.
+# Runs one case on the player program; each function case_CASE here and in the scripts beside this
+# one is one.
 # Every wait is for something to be seen, with an end: the times are loose, for builds with
 # sanitizers.
 set -euo pipefail
@@ -28,6 +29,8 @@ clean_up() {
 trap clean_up EXIT
 cd "$dir"
 export LC_ALL=C.UTF-8
+# Not the user's: cases that need a bus have one of their own.
+unset DBUS_SESSION_BUS_ADDRESS COLORTERM NO_COLOR
 
 fail() {
     echo "FAILED: $*"
@@ -71,6 +74,8 @@ play() {
 
 # start ARGUMENT...: the same, beside the case, as `player`.
 start() {
+    : >out # where the case could else read what an earlier run has left,
+    : >err # since the shell empties them a moment later, beside the case
     "$program" "$@" >out 2>err </dev/null &
     player=$!
 }
@@ -121,22 +126,28 @@ expect_peaks() { [ "$peaks" = "$1 " ] || fail "peaks of $peaks dB, not $1"; }
 
 on_tmux() { env -u TMUX tmux -S "$dir/tmux" -f /dev/null -u "$@"; }
 
-# open_terminal COLUMNS: a shell in which `play` notes the settings of the terminal before and after
-# and says how the program ended.
+# open_terminal COLUMNS [ROWS]: a shell in which `play` notes the settings of the terminal before and
+# after and says how the program ended. It plays on one line where `mode` is not empty, with what
+# `environment` sets.
+mode=--line
+environment=
 open_terminal() {
+    [ ! -S "$dir/tmux" ] || on_tmux kill-server
+    rm -f ended
     cat >rc <<END
 PS1='ready> '
 unset HISTFILE
 player=$(printf %q "$program")
+mode=$mode
 play() {
     stty -a >before
-    "\$player" "\$@"
+    env $environment "\$player" \$mode "\$@"
     echo "ended with \$?"
     stty -a >after
     : >ended
 }
 END
-    on_tmux new-session -d -x "$1" -y 24 "exec bash --noprofile --rcfile rc -i"
+    on_tmux new-session -d -x "$1" -y "${2:-24}" "exec bash --noprofile --rcfile rc -i"
     wait_for "the shell" sees 'ready>'
 }
 enter() { on_tmux send-keys "$1" Enter; }
@@ -201,7 +212,7 @@ case_missing_file() { bad nowhere.wav "Failed to open audio file: No such file o
 
 case_directory() {
     mkdir music
-    bad music "Failed to open audio file: Is a directory"
+    bad music "This folder holds nothing to play."
 }
 
 case_empty_file() {
@@ -308,7 +319,7 @@ case_help_fits_one_screen() {
     expect_status 0
     [ "$(wc -l <out)" -lt 24 ] || fail "too many lines"
     [ "$(wc -L <out)" -le 80 ] || fail "too long a line"
-    for word in --volume --pan --eq --start --version space left up '\[' ' e ' ' q ' 'status'; do
+    for word in --volume --pan --eq --start --record --json --version 'status' 'Keys: ?'; do
         grep -q -- "$word" out || fail "no word of $word"
     done
 }
@@ -343,11 +354,17 @@ case_bad_options() {
 --eq 0,0,0,0,0,0,0,0,0,19
 --eq 0,0,0,0,0,0,0,0,0,0,0
 --eq 0,0,0,0,,0,0,0,0,0
+--rate 0
+--rate 44.1
+--channels 0
+--channels 65
+--duration -1
+--record heard.mp3
 --loud
 END
     play
     expect_status 2
-    grep -q 'FILE' err || fail "no clear message without a file"
+    grep -q 'SOURCE' err || fail "no clear message without a file"
 }
 
 case_good_options() {
@@ -460,10 +477,10 @@ restores_after() {
     sees stopped || fail "the last line is gone"
     expect_restored
 }
-signal_player() {
-    local shell
-    shell=$(on_tmux display-message -p '#{pane_pid}')
-    kill "-$1" "$(ps -o pid= --ppid "$shell" | head -n 1)"
+signal_player() { kill "-$1" "$(pid_of_job)"; }
+# What runs in the terminal's shell.
+pid_of_job() {
+    ps -o pid= --ppid "$(on_tmux display-message -p '#{pane_pid}')" | awk 'NR == 1 { print $1 }'
 }
 case_terminal_is_restored_after_quit() { restores_after 0 keys q; }
 case_terminal_is_restored_after_ctrl_c() { restores_after 130 keys C-c; }
@@ -484,7 +501,7 @@ case_terminal_is_restored_while_suspended() {
     open_terminal 80
     stty_of() { enter "stty -a >$1; : >$1.done" && wait_for "$1" test -e "$1.done"; }
     stty_of before
-    enter "\$player long.wav"
+    enter "\$player \$mode long.wav"
     await playing
     keys C-z
     await Stopped
@@ -647,7 +664,7 @@ case_no_keys_without_a_terminal_for_them() {
 case_background_leaves_the_terminal_alone() {
     tone tone.wav 2
     open_terminal 80
-    enter "\$player tone.wav & wait"
+    enter "\$player \$mode tone.wav & wait"
     await "^Playing tone.wav (0:02)"
     is_restored || fail "it took the terminal"
     await Done
@@ -666,5 +683,9 @@ case_dumb_terminal_gets_plain_lines() {
 
 # shellcheck source=tests/program/radio_cases.sh
 source "$tests/radio_cases.sh"
+# shellcheck source=tests/program/screen_cases.sh
+source "$tests/screen_cases.sh"
+# shellcheck source=tests/program/script_cases.sh
+source "$tests/script_cases.sh"
 declare -F "case_$case" >/dev/null || fail "no such case"
 "case_$case"
