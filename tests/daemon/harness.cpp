@@ -70,15 +70,33 @@ void EndProcess(pid_t process, int signal)
         GiveUp("a process survives its signal");
 }
 
-sockaddr_un SocketAddress(const std::string& directory)
+constexpr const char* kFront = "pipewire-0"; // the daemon's socket in the runtime directory
+constexpr const char* kBack = "pipewire-back";
+const char* door = kFront; // through which the tests reach the daemon
+
+sockaddr_un SocketAddress(const std::string& path)
 {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
-    const std::string path = directory + "/pipewire-0";
     if (path.size() >= sizeof address.sun_path)
         GiveUp("a socket's path is too long: " + path);
     std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
     return address;
+}
+
+// The process that listens on the daemon's socket, or 0: it is known to those who connect to it.
+// The socket's file alone says little, since it is there before anybody listens.
+pid_t ListenerPid()
+{
+    const int client = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const sockaddr_un address = SocketAddress(RuntimePath(door));
+    ucred daemon{};
+    socklen_t size = sizeof daemon;
+    const bool bKnown =
+        connect(client, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0 &&
+        getsockopt(client, SOL_SOCKET, SO_PEERCRED, &daemon, &size) == 0;
+    close(client);
+    return bKnown ? daemon.pid : 0;
 }
 
 } // namespace
@@ -165,7 +183,9 @@ int ChildProcess::Wait()
 std::string OutputOf(const std::vector<std::string>& arguments)
 {
     const std::string path = RuntimePath("output");
-    ChildProcess child(arguments, path);
+    std::vector<std::string> command = {"env", std::string("PIPEWIRE_REMOTE=") + door};
+    command.insert(command.end(), arguments.begin(), arguments.end());
+    ChildProcess child(command, path);
     EXPECT_EQ(child.Wait(), 0) << arguments[0];
     return ReadFile(path);
 }
@@ -197,18 +217,10 @@ void WriteFloats(const std::string& path, const std::vector<float>& samples)
 
 pid_t DaemonPid()
 {
-    // Whoever listens on a socket is known to those who connect to it.
-    const int client = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    const sockaddr_un address = SocketAddress(RuntimePath(""));
-    ucred daemon{};
-    socklen_t size = sizeof daemon;
-    const bool bKnown =
-        connect(client, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0 &&
-        getsockopt(client, SOL_SOCKET, SO_PEERCRED, &daemon, &size) == 0;
-    close(client);
-    if (!bKnown || daemon.pid <= 0)
+    const pid_t daemon = ListenerPid();
+    if (daemon <= 0)
         GiveUp("the daemon's process is not known");
-    return daemon.pid;
+    return daemon;
 }
 
 StoppedDaemon::StoppedDaemon() : m_pid(DaemonPid())
@@ -231,7 +243,7 @@ bool DaemonDroppedCycles()
 void KillDaemon()
 {
     EndProcess(DaemonPid(), SIGKILL);
-    std::filesystem::remove(RuntimePath("pipewire-0"));
+    std::filesystem::remove(RuntimePath(kFront));
 }
 
 void EndSessionManager()
@@ -242,11 +254,11 @@ void EndSessionManager()
 
 NewDaemon::NewDaemon() :
     m_process({"sh", "-c",
-               "PIPEWIRE_CONFIG_DIR='" TOVREL_SCRIPTS "' PIPEWIRE_DEBUG=pw.node:4 "
-               "exec pipewire -c null-sink.conf 2>>'" +
+               "PIPEWIRE_CONFIG_DIR='" TOVREL_SCRIPTS "' PIPEWIRE_DEBUG=pw.node:4 PIPEWIRE_CORE=" +
+                   std::string(door) + " exec pipewire -c null-sink.conf 2>>'" +
                    RuntimePath("pipewire.log") + "'"})
 {
-    if (!WaitUntil([] { return std::filesystem::exists(RuntimePath("pipewire-0")); }, kOftenMs))
+    if (!WaitUntil([] { return ListenerPid() > 0; }, kOftenMs))
         GiveUp("no new daemon");
 }
 
@@ -254,8 +266,25 @@ NewSessionManager::NewSessionManager() :
     m_process({"sh", "-c",
                "cd '" + RuntimePath("") +
                    "' && echo $$ >wireplumber.pid && DBUS_SESSION_BUS_ADDRESS=unix:path=$PWD/bus "
-                   "exec wireplumber 2>>wireplumber.log"})
+                   "PIPEWIRE_REMOTE=" +
+                   door + " exec wireplumber 2>>wireplumber.log"})
 {
+}
+
+BackDoor::BackDoor()
+{
+    door = kBack;
+}
+
+BackDoor::~BackDoor()
+{
+    door = kFront;
+}
+
+void BackDoor::OpenFront()
+{
+    std::filesystem::create_symlink(kBack, RuntimePath(kFront));
+    door = kFront;
 }
 
 void CreateSink(const std::string& name)
@@ -334,7 +363,7 @@ OtherRuntimeDirectory::~OtherRuntimeDirectory()
 
 MuteDaemon::MuteDaemon() : m_socket(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0))
 {
-    const sockaddr_un address = SocketAddress(m_directory.Path());
+    const sockaddr_un address = SocketAddress(m_directory.Path() + "/" + kFront);
     if (bind(m_socket, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
         listen(m_socket, 8) != 0)
         GiveUp(std::string("no socket in ") + m_directory.Path());
@@ -396,6 +425,12 @@ bool MayRunInRealTime()
     return bMay;
 }
 
+bool MayRunAtQuantum(size_t frames)
+{
+    constexpr size_t kShortestWithoutPriority = 256;
+    return frames >= kShortestWithoutPriority || MayRunInRealTime();
+}
+
 void WarmUpLibraries()
 {
     PipeWirePlayer sink;
@@ -423,6 +458,16 @@ std::atomic<bool> bAnyMissedCycles{false};
 
 } // namespace
 
+pw_context* NewRealTimeContext(pw_thread_loop* loop)
+{
+    // The configuration that gives the priority, in the versions that have it.
+    pw_properties* properties =
+        std::filesystem::exists("/usr/share/pipewire/client-rt.conf")
+            ? pw_properties_new(PW_KEY_CONFIG_NAME, "client-rt.conf", nullptr)
+            : nullptr;
+    return pw_context_new(pw_thread_loop_get_loop(loop), properties, 0);
+}
+
 MonitorRecording::MonitorRecording(const std::string& sink, int rate) :
     m_samples(kLongestRecording * kSinkChannels)
 {
@@ -442,12 +487,9 @@ void MonitorRecording::Open(const std::string& sink, int rate)
 {
     pw_init(nullptr, nullptr);
     m_loop = pw_thread_loop_new("recording", nullptr);
-    // The configuration that gives real-time priority, in the versions that have it.
-    pw_properties* context = std::filesystem::exists("/usr/share/pipewire/client-rt.conf")
-                                 ? pw_properties_new(PW_KEY_CONFIG_NAME, "client-rt.conf", nullptr)
-                                 : nullptr;
-    m_context = pw_context_new(pw_thread_loop_get_loop(m_loop), context, 0);
-    pw_core* core = pw_context_connect(m_context, nullptr, 0);
+    m_context = NewRealTimeContext(m_loop);
+    pw_core* core =
+        pw_context_connect(m_context, pw_properties_new(PW_KEY_REMOTE_NAME, door, nullptr), 0);
     if (!core || pw_thread_loop_start(m_loop) < 0)
         GiveUp("the recording has no daemon");
 
@@ -549,6 +591,27 @@ void MonitorRecording::AwaitMore(size_t frames) const
     const size_t wanted = Now() + frames;
     if (!WaitUntil([&] { return Now() >= wanted; }))
         GiveUp("the recording of the monitor does not run");
+}
+
+void MonitorRecording::AwaitSound() const
+{
+    if (!WaitUntil([&] { return SilentFramesAtEnd() == 0; }))
+        GiveUp("no sound is recorded");
+}
+
+void MonitorRecording::AwaitSilence(size_t frames) const
+{
+    if (!WaitUntil([&] { return SilentFramesAtEnd() >= frames; }))
+        GiveUp("no silence is recorded");
+}
+
+size_t MonitorRecording::SilentFramesAtEnd() const
+{
+    const size_t samples = Now() * kSinkChannels;
+    size_t silent = 0;
+    while (silent < samples && m_samples[samples - 1 - silent] == 0.0f)
+        ++silent;
+    return silent / kSinkChannels;
 }
 
 std::vector<float> MonitorRecording::Finish(size_t tailFrames)

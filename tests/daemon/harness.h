@@ -132,6 +132,20 @@ private:
     ChildProcess m_process;
 };
 
+// Keeps daemons that start from now on from the engine, whose sinks look where the daemon always
+// is: the recordings and programs of the tests know of another door.
+class BackDoor
+{
+public:
+    BackDoor();
+    ~BackDoor();
+    BackDoor(const BackDoor&) = delete;
+    BackDoor& operator=(const BackDoor&) = delete;
+
+    // Lets the engine's sinks in, too.
+    void OpenFront();
+};
+
 // Null sinks beside, or in the place of, the one that is there from the start.
 void CreateSink(const std::string& name);
 void DestroySink(const std::string& name);
@@ -197,6 +211,9 @@ std::ostream& operator<<(std::ostream& out, const Resources& resources);
 // Whether a thread of this process may be given real-time priority.
 bool MayRunInRealTime();
 
+// Whether a graph with cycles of so many frames drops none by itself.
+bool MayRunAtQuantum(size_t frames);
+
 // Opens and closes one sink, so that what the libraries keep for good is there before a count.
 void WarmUpLibraries();
 
@@ -204,6 +221,10 @@ void WarmUpLibraries();
 testing::AssertionResult ComesBackTo(const Resources& before);
 
 // --- The recording ------------------------------------------------------------------------------
+
+// A context whose streams are given real-time priority, so that a busy machine does not keep them
+// from their cycles.
+pw_context* NewRealTimeContext(pw_thread_loop* loop);
 
 // Records a sink's monitor: stereo, and at the graph's own rate bit for bit what the sink was
 // given. The frames are taken on PipeWire's real-time thread, so that a busy machine loses none of
@@ -232,6 +253,12 @@ public:
     // Returns when this many more have been recorded.
     void AwaitMore(size_t frames) const;
 
+    // Returns when the last frame recorded is sound.
+    void AwaitSound() const;
+
+    // Returns when the last so many frames recorded are silence.
+    void AwaitSilence(size_t frames) const;
+
     // Records on until what has been played by now is recorded, ends, and returns all the samples.
     std::vector<float> Finish(size_t tailFrames = 4 * kQuantum);
 
@@ -248,6 +275,7 @@ private:
     void Open(const std::string& sink, int rate);
     void Close();
     void TakeBuffer() noexcept;
+    size_t SilentFramesAtEnd() const;
 
     // The channels of a stream are linked one after the other: in its first cycles, which are left
     // out, it may get only some of them.

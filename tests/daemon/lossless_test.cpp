@@ -505,16 +505,13 @@ size_t PlayInARow(const std::vector<size_t>& lengths)
     return next;
 }
 
-// A graph without real-time priority drops cycles of its own when they are shorter than this.
-constexpr size_t kShortestOrdinaryQuantum = 256;
-
 class LosslessAtQuantum : public testing::TestWithParam<size_t>
 {
 };
 
 TEST_P(LosslessAtQuantum, EveryFrameIsHeard)
 {
-    if (GetParam() < kShortestOrdinaryQuantum && !MayRunInRealTime())
+    if (!MayRunAtQuantum(GetParam()))
         GTEST_SKIP() << "no real-time priority for this process";
     const size_t quantum = GetParam();
     ForceQuantum(quantum);

@@ -214,14 +214,17 @@ INSTANTIATE_TEST_SUITE_P(Freedesktop, PlayedRecording,
 
 // --- Pause --------------------------------------------------------------------------------------
 
+constexpr size_t kPauseFrames = 6 * kQuantum;
+
 // Pauses three times in the middle of the sound; nothing may be lost or repeated.
 void PauseThreeTimes(TovrelAudioPlayer& player, const MonitorRecording& recording)
 {
     for (int pause = 0; pause < 3; ++pause)
     {
+        recording.AwaitSound();
         recording.AwaitMore(8 * kQuantum);
         player.SetPaused(true);
-        recording.AwaitMore(10 * kQuantum);
+        recording.AwaitSilence(kPauseFrames);
         EXPECT_FALSE(player.HasFinished());
         player.SetPaused(false);
     }
@@ -231,7 +234,7 @@ void ExpectThreePauses(const Heard& heard)
 {
     EXPECT_TRUE(IsComplete(heard));
     EXPECT_GE(heard.gaps, 3u);
-    EXPECT_GE(heard.longestGap, 6 * kQuantum);
+    EXPECT_GE(heard.longestGap, kPauseFrames);
 }
 
 TEST(PlayerPause, LosesAndRepeatsNothingOfABuffer)

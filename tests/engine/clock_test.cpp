@@ -1,7 +1,9 @@
 // The position: anchor plus wall clock, pause, and seeks that are posted to the worker.
+#include "media.h"
 #include "playback.h"
 
 #include <limits>
+#include <utility>
 
 namespace
 {
@@ -74,6 +76,36 @@ TEST_F(Clock, AnchorInTheFutureDoesNotRunBackwards)
     EXPECT_EQ(player.CurrentSeconds(), 10.0);
     VirtualTime::Step(0.5);
     EXPECT_EQ(player.CurrentSeconds(), 10.5);
+    access.PlaybackClockHostMs() = Internals::AudioClockMs() + 1;
+    EXPECT_EQ(player.CurrentSeconds(), 10.0);
+}
+
+TEST_F(Clock, ShortestMaterialHasPositionsToo)
+{
+    Anchor(0.0, 0.05);
+    VirtualTime::Step(0.03);
+    EXPECT_EQ(player.CurrentSeconds(), 0.03);
+    player.SeekToFraction(0.5);
+    EXPECT_EQ(access.SeekTargetSec(), 0.025);
+}
+
+TEST_F(Clock, SeekInTheShortestMaterialIsHeard)
+{
+    const std::vector<float> samples = Ramp(3840, 2); // 0.08 s
+    bool bSought = false;
+    player.SetAudioPCMCallback(
+        [&](const float*, int, int, int, long)
+        {
+            if (!std::exchange(bSought, true))
+                player.SeekToSeconds(0.06);
+        });
+    PlayPcm(samples, 48000, 2);
+    RunToEnd();
+    const std::vector<float> pushed = VirtualDevice::Last().pushed;
+    const std::vector<float> rest = Media::Played({samples.begin() + 2 * 2880, samples.end()});
+    ASSERT_GE(pushed.size(), rest.size());
+    EXPECT_LE(pushed.size(), rest.size() + 2 * 480); // and the first chunk
+    EXPECT_TRUE(std::equal(rest.rbegin(), rest.rend(), pushed.rbegin()));
 }
 
 TEST_F(Clock, UnknownDurationReadsZeroThroughout)
@@ -140,6 +172,7 @@ TEST_F(Clock, StopInAPauseDoesNotCountThePause)
     VirtualTime::Step(1.0);
     player.RequestStop();
     EXPECT_EQ(player.CurrentSeconds(), 0.1);
+    EXPECT_EQ(access.PlaybackClockPresentedSec(), 0.0); // as a stopped sink's
 }
 
 TEST_F(Clock, ResumeAnchorsAtTheFrozenPositionAndReleasesTheSink)

@@ -8,6 +8,7 @@
 #include <complex>
 #include <limits>
 #include <random>
+#include <span>
 #include <thread>
 
 namespace
@@ -83,7 +84,7 @@ TEST_F(Equalizer, BitForBitTheFormulae)
 {
     for (const int channels : {1, 2, 4, 6})
     {
-        for (const int rate : {8000, 22050, 44100, 48000, 192000})
+        for (const int rate : {1, 8000, 22050, 44100, 48000, 192000})
         {
             OnNewThread(
                 [&]
@@ -531,6 +532,22 @@ TEST_F(Equalizer, EmptyBlocksAreLeftAlone)
     EXPECT_EQ(sample, 0.5f);
 }
 
+TEST_F(Equalizer, EmptyBlocksOfAnotherRateLeaveTheHistoryAlone)
+{
+    OnNewThread(
+        [&]
+        {
+            player.SetEqualizerBands(true, gains);
+            const std::vector<float> block = Ramp(500, 2);
+            PlainEqualizer plain(48000, gains);
+            EXPECT_EQ(Bits(Run(block, 2)), Bits(plain.Run(block, 2)));
+            float sample = 0.5f;
+            access.ApplyEqualizer(&sample, 0, 1, 44100);
+            access.ApplyEqualizer(&sample, 1, 0, 44100);
+            EXPECT_EQ(Bits(Run(block, 2)), Bits(plain.Run(block, 2)));
+        });
+}
+
 #if defined(__x86_64__)
 
 // Anything else goes through the bands in turn, where it is what the definition makes of it.
@@ -554,6 +571,7 @@ TEST_F(Equalizer, OnlyNumbersRunSideBySide)
             std::vector<float> samples = numbers;
             samples[at] = other;
             EXPECT_FALSE(cascade.IsFinite(samples)) << other << " at " << at;
+            EXPECT_TRUE(cascade.IsFinite(std::span(samples).first(at))) << at;
         }
     }
 }
@@ -569,7 +587,7 @@ TEST_F(Equalizer, OnlyHistoriesOfNumbersRunSideBySide)
             {
                 Internals::EqualizerCascade cascade(48000, gains);
                 *cascade.History(band)[word] = other;
-                EXPECT_FALSE(cascade.IsFinite({0.5f})) << other << ", band " << band;
+                EXPECT_FALSE(cascade.IsFinite(std::array{0.5f})) << other << ", band " << band;
             }
         }
     }
@@ -579,7 +597,7 @@ TEST_F(Equalizer, OnlyGainsThatAreNumbersRunSideBySide)
 {
     std::array<double, 10> one{};
     one[9] = std::numeric_limits<double>::quiet_NaN();
-    EXPECT_FALSE(Internals::EqualizerCascade(48000, one).IsFinite({0.5f}));
+    EXPECT_FALSE(Internals::EqualizerCascade(48000, one).IsFinite(std::array{0.5f}));
 }
 
 #endif

@@ -1,6 +1,6 @@
 // Each call into FFmpeg on the way of a file, made to fail at each of its occurrences: what is
 // said, what is heard, how it ends, what is released, and whether the next file plays.
-#include "media.h"
+#include "faults.h"
 #include "playback.h"
 #include "wrapped_calls.h"
 
@@ -12,8 +12,10 @@
 #include <utility>
 
 using testing::AllOf;
+using testing::Each;
 using testing::ElementsAreArray;
 using testing::Ge;
+using testing::Gt;
 using testing::IsEmpty;
 using testing::Le;
 
@@ -95,8 +97,6 @@ constexpr std::pair<std::string_view, const char*> kReleases[] = {
     {"avformat_open_input", "avformat_close_input"},
 };
 
-// Short files of sound that never repeats, at the output's own rate: every frame is one push, and
-// none depends on what the resampler was given before.
 struct Material
 {
     std::string name;
@@ -108,31 +108,11 @@ struct Material
 
 constexpr int kReadOfSeek = 7; // the read during which the seek is asked for
 
-std::string Noise(int seed, double seconds)
-{
-    return "-f lavfi -i anoisesrc=r=48000:a=0.5:seed=" + std::to_string(seed) +
-           ":d=" + std::to_string(seconds) + " ";
-}
-
 std::vector<Material> Materials()
 {
-    const std::string mp3 = "-c:a libmp3lame -b:a 128k -reservoir 0 -write_xing 0 -f mp3 ";
-    const auto path = [](const char* name)
-    {
-        return (Media::Directory() / name).string();
-    };
-    // All of them in one run of the ffmpeg program.
-    const std::string vorbis =
-        Media::Make(Noise(1, 0.25) + Noise(2, 0.25) + Noise(3, 0.12) + Noise(4, 0.12) +
-                        "-map 0 -ac 2 -c:a flac -frame_size 1024 '" + path("lossless.flac") +
-                        "' -map 2 -ac 2 " + mp3 + "'" + path("stereo.mp3") + "' -map 3 -ac 1 " +
-                        mp3 + "'" + path("mono.mp3") + "' -map 1 -ac 2 -c:a libvorbis",
-                    "overlapping.ogg");
-    // A second channel that came twice would remember what it was when it went.
-    const std::string mono = Media::Read(path("mono.mp3"));
-    const std::string changing =
-        Media::Write("changing.mp3", mono + Media::Read(path("stereo.mp3")) + mono);
-    const std::string flac = path("lossless.flac");
+    const std::string flac = Noise::Lossless(0.25, 1024);
+    const std::string vorbis = Noise::Overlapping(0.25);
+    const std::string changing = Media::Write("changing.mp3", Noise::Changing());
     return {
         {"lossless", flac},
         {"lossless with a seek", flac, 0, false, 0.1},
@@ -145,42 +125,10 @@ std::vector<Material> Materials()
     };
 }
 
-std::vector<float> operator+(std::vector<float> first, const std::vector<float>& second)
+struct Reference : Undisturbed
 {
-    first.insert(first.end(), second.begin(), second.end());
-    return first;
-}
-
-// What an undisturbed playback does and gives.
-struct Reference
-{
-    std::vector<std::string> calls; // with each push as "Push"
-    std::vector<float> sound;
-    std::vector<size_t> frames; // of each push
     double duration = 0.0;
     double position = 0.0; // at the end
-
-    size_t Pushes(size_t beforeCall) const
-    {
-        return static_cast<size_t>(
-            std::count(calls.begin(), calls.begin() + static_cast<ptrdiff_t>(beforeCall), "Push"));
-    }
-
-    // The sound of some of its pushes.
-    std::vector<float> Sound(size_t from, size_t to) const
-    {
-        std::vector<float> part;
-        auto at = sound.begin();
-        for (size_t i = 0; i < std::min(to, frames.size()); ++i)
-        {
-            const auto end = at + static_cast<ptrdiff_t>(frames[i] * 2);
-            if (i >= from)
-                part.insert(part.end(), at, end);
-            at = end;
-        }
-        return part;
-    }
-    std::vector<float> SoundFrom(size_t push) const { return Sound(push, frames.size()); }
 
     // Whether the packet or frame that this call belongs to is pushed in the end.
     bool LeadsToAPush(size_t call) const
@@ -237,8 +185,9 @@ protected:
         PlayThrough(material);
         player.SetAudioPCMCallback({});
         EXPECT_EQ(player.LastError(), "");
-        return {recorded.All(), VirtualDevice::Last().pushed, VirtualDevice::Last().pushedFrames,
-                player.DurationSeconds(), player.CurrentSeconds()};
+        return {{recorded.All(), VirtualDevice::Last().pushed, VirtualDevice::Last().pushedFrames},
+                player.DurationSeconds(),
+                player.CurrentSeconds()};
     }
 
     // How the playback of which one call has failed ended, before anybody has stopped it.
@@ -288,29 +237,16 @@ protected:
                             const Reference& reference, size_t call)
     {
         const std::vector<float> pushed = VirtualDevice::Last().pushed;
-        const size_t before = reference.Pushes(call);
-        const std::vector<float> start = reference.Sound(0, before);
+        EXPECT_THAT(VirtualDevice::Last().pushedFrames, Each(Gt(0u)));
         if (fault.outcome == Outcome::kUnnoticed)
-        {
             EXPECT_EQ(pushed, reference.sound);
-        }
         else if (fault.outcome != Outcome::kFrameLost)
-        {
-            EXPECT_EQ(pushed, start);
-        }
+            EXPECT_EQ(pushed, reference.Sound(0, reference.CountBefore(call, "Push")));
         else if (material.settling > 0 && fault.function == "avcodec_send_packet")
-        {
-            const std::vector<float> rest = reference.SoundFrom(before + 1 + material.settling);
-            ASSERT_GE(pushed.size(), start.size() + rest.size());
-            EXPECT_LE(pushed.size(), reference.sound.size());
-            EXPECT_TRUE(std::equal(start.begin(), start.end(), pushed.begin()));
-            EXPECT_TRUE(std::equal(rest.rbegin(), rest.rend(), pushed.rbegin()));
-        }
+            ExpectAllButAPacket(pushed, reference, call, material.settling);
         else
-        {
-            const size_t lost = reference.LeadsToAPush(call) ? 1 : 0;
-            EXPECT_EQ(pushed, start + reference.SoundFrom(before + lost));
-        }
+            EXPECT_EQ(pushed, reference.LeadsToAPush(call) ? reference.SoundWithoutPushAt(call)
+                                                           : reference.sound);
     }
 
     // What lived at the end was released in the order of kReleases, after the resamplers that had
@@ -368,19 +304,9 @@ const Fault* FaultOf(const std::string& function, Phase phase)
     return found == std::end(kFaults) ? nullptr : found;
 }
 
-// Whether the text of this row has FFmpeg's own at its end.
-bool EndsInFFmpegsText(const Fault& fault)
+std::string TextOf(const Fault& fault, const ErrorCode& code)
 {
-    return std::string_view(fault.text).ends_with(": ");
-}
-
-std::vector<const char*> FaultyFunctions()
-{
-    std::vector<const char*> functions;
-    for (const Fault& fault : kFaults)
-        if (functions.empty() || functions.back() != fault.function)
-            functions.push_back(fault.function.data());
-    return functions;
+    return std::string(fault.text) + (EndsInFFmpegsText(fault.text) ? code.text : "");
 }
 
 } // namespace
@@ -406,14 +332,13 @@ TEST_P(FileFaultsOf, EndAsTheyShouldWhereverTheyCome)
             const Fault* fault = FaultOf(function, reference.PhaseOf(call));
             ASSERT_TRUE(fault) << "call " << call;
             met.insert(fault);
-            const size_t codes = EndsInFFmpegsText(*fault) && fault->phase == Phase::kSetUp
+            const size_t codes = EndsInFFmpegsText(fault->text) && fault->phase == Phase::kSetUp
                                      ? std::size(kErrorCodes)
                                      : 1;
             for (size_t i = 0; i < codes; ++i)
             {
                 const ErrorCode& code = kErrorCodes[(faults + i) % std::size(kErrorCodes)];
-                const std::string text =
-                    std::string(fault->text) + (EndsInFFmpegsText(*fault) ? code.text : "");
+                const std::string text = TextOf(*fault, code);
                 SCOPED_TRACE(material.name + ", occurrence " + std::to_string(occurrence) + ", " +
                              code.text);
                 {
@@ -435,7 +360,7 @@ TEST_P(FileFaultsOf, EndAsTheyShouldWhereverTheyCome)
     EXPECT_EQ(met.size(), std::ranges::count(kFaults, function, &Fault::function));
 }
 
-INSTANTIATE_TEST_SUITE_P(All, FileFaultsOf, testing::ValuesIn(FaultyFunctions()),
+INSTANTIATE_TEST_SUITE_P(All, FileFaultsOf, testing::ValuesIn(FunctionsOf(kFaults)),
                          [](const auto& testInfo) { return std::string(testInfo.param); });
 
 // Who stops a playback while one of its calls fails hears of the failure, and waits for nothing.
@@ -452,8 +377,7 @@ TEST_F(FileFaults, EndAtOnceWhereAStopComesWithThem)
             continue;
         const int occurrence = occurrences[function]++;
         SCOPED_TRACE(function + ", occurrence " + std::to_string(occurrence));
-        const std::string text =
-            std::string(fault->text) + (EndsInFFmpegsText(*fault) ? kErrorCodes[0].text : "");
+        const std::string text = TextOf(*fault, kErrorCodes[0]);
         {
             const DuringCall stop(function.c_str(), occurrence, [&] { player.RequestStop(); });
             const FailingCall failing(function.c_str(), kErrorCodes[0].code, occurrence);
@@ -463,12 +387,13 @@ TEST_F(FileFaults, EndAtOnceWhereAStopComesWithThem)
         EXPECT_TRUE(player.HasFinished());
         EXPECT_TRUE(player.IsStopRequestedForInterrupt());
         EXPECT_EQ(player.LastError(), text);
-        EXPECT_EQ(VirtualDevice::Last().pushed, reference.Sound(0, reference.Pushes(call)));
+        EXPECT_EQ(VirtualDevice::Last().pushed,
+                  reference.Sound(0, reference.CountBefore(call, "Push")));
         EXPECT_THAT(VirtualDevice::Last().heard, IsEmpty());
         ExpectNextFileToPlay();
     }
     RecordProperty("functions", std::to_string(occurrences.size()));
-    EXPECT_EQ(occurrences.size(), FaultyFunctions().size());
+    EXPECT_EQ(occurrences.size(), FunctionsOf(kFaults).size());
 }
 
 // --- What is no error
@@ -576,7 +501,8 @@ TEST_F(FileFaults, TellWhereThereIsNoMemoryForAFrame)
             ++growths;
             ExpectEnd(Outcome::kStopsEarly, "Audio decode failed: Cannot allocate memory",
                       reference, call);
-            EXPECT_EQ(VirtualDevice::Last().pushed, reference.Sound(0, reference.Pushes(call)));
+            EXPECT_EQ(VirtualDevice::Last().pushed,
+                      reference.Sound(0, reference.CountBefore(call, "Push")));
             ExpectNextFileToPlay();
         }
     }

@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <climits>
 #include <cmath>
+#include <cstring>
 #include <fstream>
 
 using testing::Contains;
@@ -304,10 +305,12 @@ TEST_F(FilePlayback, ReleasesDecoderAndDemuxerWhereThereIsNoResampler)
 TEST_F(FilePlayback, DestroysASinkThatDoesNotOpen)
 {
     VirtualDevice::FailInit(true);
+    std::vector<std::string> before; // the rest is released
+    const DuringCall release("swr_free", 0, [&] { before = VirtualDevice::Calls(); });
     PlayFile(Wav(960));
     EXPECT_EQ(player.LastError(), "Failed to initialize PipeWire audio output.");
     EXPECT_FALSE(access.HasOutput());
-    EXPECT_THAT(VirtualDevice::Calls(), ElementsAre("Init 48000 2", "delete"));
+    EXPECT_THAT(before, ElementsAre("Init 48000 2", "delete"));
     EXPECT_THAT(Releases(),
                 ElementsAre("swr_free", "avcodec_free_context", "avformat_close_input"));
 }
@@ -1044,6 +1047,53 @@ TEST_F(FilePlayback, PlaysFilesOfAnyName)
         RunToEnd();
         EXPECT_EQ(Pushed(), Sound(0, 960)) << name;
         EXPECT_EQ(player.LastError(), "") << name;
+    }
+}
+
+TEST_F(FilePlayback, FileWithoutAFrameEndsWhereItBegan)
+{
+    PlayFile(Media::Write("none.wav", Media::Wav({}, 48000, 2)));
+    RunToEnd();
+    EXPECT_EQ(player.LastError(), "");
+    EXPECT_EQ(Pushes(), 0u);
+    EXPECT_EQ(player.CurrentSeconds(), 0.0);
+}
+
+TEST_F(FilePlayback, SeekFarIntoALongFileIsExactToTheSample)
+{
+    constexpr uint32_t kBytes = 2000 * 8000 * sizeof(float);
+    std::string header = Media::Wav({}, 8000, 1);
+    const uint32_t sizes[] = {kBytes + 36, kBytes};
+    std::memcpy(&header[4], &sizes[0], 4);
+    std::memcpy(&header[40], &sizes[1], 4);
+    const std::string path = Media::WriteSparse("long.wav", header, header.size() + kBytes);
+    std::vector<long> times;
+    player.SetAudioPCMCallback([&](const float*, int, int, int, long microseconds)
+                               { times.push_back(microseconds); });
+    const DuringCall seek("av_read_frame", 1, [&] { player.SeekToSeconds(1999.5); });
+    PlayFile(path);
+    RunToEnd();
+    ASSERT_GT(times.size(), 1u);
+    EXPECT_EQ(times[1], 1999500000);
+}
+
+TEST_F(FilePlayback, SeekPublishesItsTargetBeforeTheNextPacketIsRead)
+{
+    double published = 0.0;
+    const DuringCall seek("av_read_frame", 3, [&] { player.SeekToSeconds(1.0); });
+    const DuringCall look("av_read_frame", 4, [&] { published = access.CurrentSec(); });
+    PlayFile(Wav(96000));
+    RunToEnd();
+    EXPECT_EQ(published, 1.0);
+}
+
+TEST_F(FilePlayback, FinishedIsSetBeforePlayingIsCleared)
+{
+    VirtualTime::SetFreeRunning(true);
+    for (int i = 0; i < 200; ++i)
+    {
+        ASSERT_TRUE(player.PlayFile("/nonexistent/file.wav"));
+        ExpectFinishedBeforeNotPlaying();
     }
 }
 

@@ -1,6 +1,7 @@
 // Loudness gain, volume and constant-power pan.
 #include "playback.h"
 
+#include <algorithm>
 #include <bit>
 #include <cmath>
 #include <limits>
@@ -145,6 +146,19 @@ TEST_F(GainPan, EmptyBlocksAreLeftAlone)
     access.ApplyGainAndPan(nullptr, 1, 2, 1.0);
     EXPECT_EQ(samples[0], 0.5f);
     EXPECT_EQ(samples[1], 0.25f);
+}
+
+TEST_F(GainPan, WhatFollowsTheBlockIsLeftAlone)
+{
+    player.SetVolume(0.0);
+    for (const int channels : {1, 2, 3})
+    {
+        std::vector<float> samples(7, 0.5f);
+        access.ApplyGainAndPan(samples.data(), 2, channels, 1.0);
+        const auto end = samples.begin() + 2 * channels;
+        EXPECT_EQ(std::count(samples.begin(), end, 0.0f), 2 * channels);
+        EXPECT_EQ(std::count(end, samples.end(), 0.5f), 7 - 2 * channels);
+    }
 }
 
 TEST_F(GainPan, TheShortFormHasUnityLoudnessGain)

@@ -109,7 +109,7 @@ void EqualizerCascade::Run(float* samples, int frames, int channels)
 }
 
 #if defined(__x86_64__)
-bool EqualizerCascade::IsFinite(const std::vector<float>& samples) const
+bool EqualizerCascade::IsFinite(std::span<const float> samples) const
 {
     return ::IsFinite(m_filters->cascade, samples.data(), samples.size());
 }

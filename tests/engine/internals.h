@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <initializer_list>
 #include <memory>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -131,7 +132,7 @@ public:
 
 #if defined(__x86_64__)
     // Whether all that goes into a block are numbers.
-    bool IsFinite(const std::vector<float>& samples) const;
+    bool IsFinite(std::span<const float> samples) const;
 #endif
 
     // The four words of a band's history.

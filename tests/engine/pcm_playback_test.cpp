@@ -4,6 +4,7 @@
 #include <atomic>
 #include <climits>
 #include <limits>
+#include <utility>
 
 namespace
 {
@@ -189,6 +190,34 @@ TEST_F(PcmPlayback, NextPlayWorksAfterASinkFailure)
     EXPECT_EQ(VirtualDevice::Last().pushed.size(), 2000u);
 }
 
+TEST_F(PcmPlayback, TimeThatTheSinkTakesToOpenDoesNotCount)
+{
+    VirtualDevice::SlowInit(0.5);
+    PlayPcm(Ramp(48000, 2), 48000, 2, 0.25);
+    VirtualTime::Step(0.5);
+    EXPECT_EQ(player.CurrentSeconds(), 0.25);
+}
+
+TEST_F(PcmPlayback, SeekPublishesItsTargetAlsoWhereABlockWasOnItsWay)
+{
+    bool bSought = false;
+    player.SetAudioPCMCallback(
+        [&](const float*, int, int, int, long)
+        {
+            if (std::exchange(bSought, true))
+                return;
+            while (!player.IsPlaying()) // Play may not have said so yet, and nothing can be paused
+                std::this_thread::yield();
+            player.SeekToSeconds(0.5);
+            player.SetPaused(true);
+            access.PausedPresentationSec() = 7.0;
+        });
+    PlayPcm(Ramp(48000, 2), 48000, 2);
+    EXPECT_EQ(access.CurrentSec(), 0.5);
+    EXPECT_EQ(access.PausedPresentationSec(), 0.5);
+    EXPECT_EQ(access.QueuedSourceEndSec(), 0.5);
+}
+
 TEST_F(PcmPlayback, WorkerAnchorsTheClockWhenTheSinkIsThere)
 {
     PlayPcm(Ramp(48000, 2), 48000, 2, 0.25);
@@ -218,6 +247,25 @@ TEST_F(PcmPlayback, PositionsFollowEveryPush)
     PlayPcm(Ramp(1000, 2), 48000, 2);
     EXPECT_DOUBLE_EQ(access.QueuedSourceEndSec(), 1000.0 / 48000);
     EXPECT_DOUBLE_EQ(access.CurrentSec(), 1000.0 / 48000);
+}
+
+TEST_F(PcmPlayback, PauseInTheLastMomentLeavesThePositionAtTheEnd)
+{
+    PlayPcm(Ramp(5040, 2), 48000, 2); // 0.105 s
+    VirtualTime::Step(0.09);          // between the worker's last two looks
+    player.SetPaused(true);
+    VirtualTime::Step(0.02);
+    EXPECT_TRUE(player.HasFinished());
+    EXPECT_EQ(player.CurrentSeconds(), 0.105);
+}
+
+TEST_F(PcmPlayback, PositionIsPublishedWithEveryPush)
+{
+    std::vector<double> published;
+    player.SetAudioPCMCallback([&](const float*, int, int, int, long)
+                               { published.push_back(access.CurrentSec()); });
+    PlayPcm(Ramp(1440, 2), 48000, 2);
+    EXPECT_THAT(published, ElementsAre(0.0, 0.01, 0.02));
 }
 
 TEST_F(PcmPlayback, PauseStopsPushingAndHoldsTheQueue)
@@ -408,14 +456,11 @@ TEST_F(PcmPlayback, StopDuringTheDrainEndsItAtOnce)
 
 TEST_F(PcmPlayback, FinishedIsSetBeforePlayingIsCleared)
 {
-    // Whoever sees Playing false after a start sees Finished true.
+    VirtualTime::SetFreeRunning(true);
     for (int i = 0; i < 200; ++i)
     {
-        VirtualTime::SetFreeRunning(true);
         ASSERT_TRUE(player.PlayPcm(Ramp(4800, 2), 48000, 2));
-        while (player.IsPlaying() && !player.HasFinished())
-            std::this_thread::yield();
-        ASSERT_TRUE(player.HasFinished());
+        ExpectFinishedBeforeNotPlaying();
     }
 }
 

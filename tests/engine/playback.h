@@ -61,6 +61,19 @@ protected:
         VirtualTime::SetFreeRunning(false);
     }
 
+    // Whoever sees that nothing plays any more sees that it has ended. This looks without a pause,
+    // so that it falls between two stores of the worker's often enough.
+    void ExpectFinishedBeforeNotPlaying()
+    {
+        while (!player.HasFinished())
+        {
+            if (player.IsPlaying())
+                continue;
+            EXPECT_TRUE(player.HasFinished());
+            return;
+        }
+    }
+
     TovrelAudioPlayer player;
     TovrelAudioPlayerTestAccess access{player};
 };

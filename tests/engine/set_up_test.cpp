@@ -404,6 +404,18 @@ TEST_F(ConfigureResampler, SpreadsMonoOverBothSides)
     EXPECT_THAT(Convert({0.5f, 0.5f, 0.5f}, 1), Each(FloatNear(side, 1e-6f)));
 }
 
+TEST_F(ConfigureResampler, MakesNothingOfAFrameWithoutSamples)
+{
+    ASSERT_TRUE(Configure({2, 48000}));
+    AVFrame* frame = av_frame_alloc();
+    frame->sample_rate = 48000;
+    std::vector<float> buffer;
+    const int conversions = CallCount("swr_convert");
+    EXPECT_EQ(Internals::ConvertFrame(*frame, swr, buffer), 0);
+    EXPECT_EQ(CallCount("swr_convert"), conversions);
+    av_frame_free(&frame);
+}
+
 TEST_F(ConfigureResampler, NeedsNoPlaceForRateAndChannels)
 {
     const Codec codec(2, 48000);

@@ -5,10 +5,12 @@
 #include "virtual_time.h"
 
 #include <algorithm>
+#include <chrono>
 #include <cmath>
 #include <cstring>
 #include <map>
 #include <mutex>
+#include <thread>
 
 namespace
 {
@@ -20,6 +22,7 @@ struct Device
     std::vector<std::shared_ptr<VirtualSink>> all;
     std::vector<std::string> calls;
     bool bFailInit = false;
+    double initSeconds = 0.0;
     bool bFailStreamTime = false;
 
     Device()
@@ -51,6 +54,12 @@ Device& Shared()
 {
     static Device device;
     return device;
+}
+
+double InitSeconds()
+{
+    const std::lock_guard lock(Shared().mutex);
+    return Shared().initSeconds;
 }
 
 // The sink of this object, with the device locked.
@@ -89,6 +98,7 @@ void Reset()
     Shared().all.clear();
     Shared().calls.clear();
     Shared().bFailInit = false;
+    Shared().initSeconds = 0.0;
     Shared().bFailStreamTime = false;
 }
 
@@ -125,6 +135,12 @@ void FailInit(bool bFail)
     Shared().bFailInit = bFail;
 }
 
+void SlowInit(double seconds)
+{
+    const std::lock_guard lock(Shared().mutex);
+    Shared().initSeconds = seconds;
+}
+
 void FailStreamTime(bool bFail)
 {
     const std::lock_guard lock(Shared().mutex);
@@ -152,6 +168,8 @@ PipeWirePlayer::~PipeWirePlayer()
 
 bool PipeWirePlayer::Init(int sampleRate, int channels)
 {
+    if (const double seconds = InitSeconds(); seconds > 0.0)
+        std::this_thread::sleep_for(std::chrono::duration<double>(seconds));
     Locked locked(this);
     locked.Log("Init " + std::to_string(sampleRate) + " " + std::to_string(channels));
     if (Shared().bFailInit)

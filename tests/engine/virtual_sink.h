@@ -42,6 +42,9 @@ void ForgetCalls();
 // The coming calls of Init fail.
 void FailInit(bool bFail);
 
+// The coming calls of Init take so long.
+void SlowInit(double seconds);
+
 // GetStreamTime fails and leaves its outputs alone.
 void FailStreamTime(bool bFail);
 

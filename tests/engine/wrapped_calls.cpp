@@ -69,6 +69,16 @@ int& CountOf(Counts& counts, const char* function)
     return found != counts.end() ? found->second : counts[function];
 }
 
+// What is to be done during this call, without the lock: it may call anything. Under g_mutex.
+std::vector<std::function<void()>> ActsDuring(const char* function)
+{
+    std::vector<std::function<void()>> acts;
+    for (auto& [owner, during] : g_during)
+        if (during.first.Comes(function))
+            acts.push_back(during.second);
+    return acts;
+}
+
 // The code with which this call of the function fails, if it is one that does.
 std::optional<int> Failure(const char* function)
 {
@@ -80,15 +90,13 @@ std::optional<int> Failure(const char* function)
         ++CountOf(g_counts, function);
         if (g_bRecording)
             g_recorded.emplace_back(function);
-        for (auto& [owner, during] : g_during)
-            if (during.first.Comes(function))
-                acts.push_back(during.second);
+        acts = ActsDuring(function);
         for (auto& [owner, failing] : g_failing)
             if (failing.first.Comes(function))
                 code = failing.second;
     }
     for (const auto& act : acts)
-        act(); // without the lock: it may call anything
+        act();
     return code;
 }
 
@@ -109,9 +117,15 @@ T NoteCreation(const char* function, T result)
 
 void NoteRelease(const char* function)
 {
-    const std::lock_guard lock(g_mutex);
-    ++CountOf(g_counts, function);
-    g_releases.emplace_back(function);
+    std::vector<std::function<void()>> acts;
+    {
+        const std::lock_guard lock(g_mutex);
+        ++CountOf(g_counts, function);
+        g_releases.emplace_back(function);
+        acts = ActsDuring(function);
+    }
+    for (const auto& act : acts)
+        act();
 }
 
 } // namespace

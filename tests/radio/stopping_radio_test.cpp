@@ -373,6 +373,17 @@ TEST_F(StoppingRadio, ErrorReportComesBeforeTheEndIsSeen)
     EXPECT_THAT(finished, ElementsAre(false, false)); // Connecting, Error
 }
 
+TEST_F(StoppingRadio, FinishedIsSetBeforePlayingIsCleared)
+{
+    VirtualTime::SetFreeRunning(true);
+    for (int i = 0; i < 200; ++i)
+    {
+        ASSERT_TRUE(player.PlayStream("file:/nonexistent"));
+        player.RequestStop();
+        ExpectFinishedBeforeNotPlaying();
+    }
+}
+
 // --- Zapping
 
 TEST_F(StoppingRadio, ZappingThroughStationsLeavesNothingBehind)

@@ -2,6 +2,7 @@
 #include "radio.h"
 #include "replaced_answers.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cmath>
 #include <memory>
@@ -72,6 +73,18 @@ TEST_F(StreamPlayback, AcceptedUrlClearsBothErrors)
     EXPECT_FALSE(player.HasFinished());
 }
 
+TEST_F(StreamPlayback, BeginsAtZeroWhateverWasBefore)
+{
+    access.CurrentSec() = 7.0;
+    access.PausedPresentationSec() = 7.0;
+    access.QueuedSourceEndSec() = 7.0;
+    ScriptedServer silent({{Stall()}});
+    player.PlayStream(silent.Url());
+    EXPECT_EQ(access.CurrentSec(), 0.0);
+    EXPECT_EQ(access.PausedPresentationSec(), 0.0);
+    EXPECT_EQ(access.QueuedSourceEndSec(), 0.0);
+}
+
 TEST_F(StreamPlayback, PlaysOnAWorkerOfItsOwnWhichReports)
 {
     std::atomic<std::thread::id> reporting;
@@ -131,6 +144,12 @@ TEST_F(StreamPlayback, PlaysEverySampleOfTheStream)
 {
     PlayWav(1.2);
     EXPECT_EQ(VirtualDevice::Last().pushed, WavSound(Seconds(1.2)));
+}
+
+TEST_F(StreamPlayback, PlaysAPacketOfOneFrame)
+{
+    PlayScripts({Whole(WavBytes(3 * kBlock + 1)), NotFound()});
+    EXPECT_EQ(VirtualDevice::Last().pushed, WavSound(3 * kBlock + 1));
 }
 
 TEST_F(StreamPlayback, EqualizerVolumeSpectrumAndTapSeeTheSound)
@@ -223,13 +242,25 @@ TEST_F(StreamPlayback, QueueIsFilledJustAboveItsLimit)
     EXPECT_LE(Queued(), kQueueLimit + kBlockSeconds);
 }
 
+TEST_F(StreamPlayback, QueueOfExactlyItsLimitTakesOneMoreBlock)
+{
+    constexpr int kFrames = 4800; // twenty of them are the limit
+    const std::string bytes = Encoded("-c:a flac -frame_size " + std::to_string(kFrames) +
+                                          " -strict experimental -f flac",
+                                      "tenths.flac", 4.0);
+    PlayScripts({Whole(bytes), NotFound()});
+    ASSERT_EQ(VirtualDevice::Last().pushedFrames.front(), kFrames);
+    EXPECT_DOUBLE_EQ(Queued(), kQueueLimit + kFrames / kRate);
+}
+
 TEST_F(StreamPlayback, FullQueueIsPolledEveryTenMilliseconds)
 {
     PlayWav(4.0);
     const size_t before = Pushes();
-    VirtualTime::Step(kPoll - 0.001);
+    const double polls = std::ceil((Queued() - kQueueLimit) / kPoll);
+    VirtualTime::Step(polls * kPoll - 0.001);
     EXPECT_EQ(Pushes(), before);
-    VirtualTime::Step(0.001 + kPoll);
+    VirtualTime::Step(0.001);
     EXPECT_GT(Pushes(), before);
 }
 
@@ -261,6 +292,10 @@ TEST_F(StreamPlayback, HeartbeatComesOnceASecond)
         EXPECT_GE(all[i].at - all[i - 1].at, 1.0 - 1e-9);
         EXPECT_LE(all[i].at - all[i - 1].at, 1.0 + kPoll + kBlockSeconds);
     }
+    // Where a packet is read after just that time, at once.
+    EXPECT_TRUE(std::adjacent_find(all.begin() + 3, all.end(),
+                                   [](const Report& last, const Report& next)
+                                   { return next.at - last.at < 1.0 + 1e-6; }) != all.end());
 }
 
 // A slow stream: the sink is left running, so that the sound comes back by itself.
@@ -367,6 +402,7 @@ TEST_F(StreamPlayback, ClockIsAnchoredWhenTheSoundStarts)
     Stop();
     EXPECT_EQ(anchor, expected);
     EXPECT_EQ(access.PlaybackClockSourceSec(), 0.0);
+    EXPECT_EQ(access.PlaybackClockPresentedSec(), 0.0);
 }
 
 // --- Tap
@@ -519,7 +555,10 @@ TEST_F(StreamPlayback, EndOfTheDecoderIsNoError)
 TEST_F(StreamPlayback, SinkThatCannotBeOpenedIsFinal)
 {
     VirtualDevice::FailInit(true);
+    std::vector<std::string> before; // the decoder is released
+    const DuringCall release("swr_free", 0, [&] { before = VirtualDevice::Calls(); });
     PlayWav(1.2);
+    EXPECT_THAT(before, ElementsAre("Init 48000 2"));
     EXPECT_THAT(Lines(),
                 ElementsAre("Connecting 0", "Error 0 Failed to initialize PipeWire audio output."));
     EXPECT_EQ(player.LastError(), "Failed to initialize PipeWire audio output.");

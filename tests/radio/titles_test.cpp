@@ -235,6 +235,17 @@ TEST_P(OggTitles, ChangeAtAChainBorder)
         EXPECT_THAT(reports.Titles(), ElementsAre("One - First"));
 }
 
+// As most encoders but FFmpeg write them.
+TEST_P(OggTitles, MayHaveNamesInCapitals)
+{
+    PlayBytes(Song("-metadata ARTIST=One -metadata TITLE=First") +
+              Song("-metadata ARTIST=Two -metadata TITLE=Second"));
+    if (GetParam().bChains)
+        EXPECT_THAT(reports.Titles(), ElementsAre("One - First", "Two - Second"));
+    else
+        EXPECT_THAT(reports.Titles(), ElementsAre("One - First"));
+}
+
 TEST_P(OggTitles, ChainPlaysAllItsLinks)
 {
     const std::string link = Song(Tags("A", "B"));

@@ -334,12 +334,12 @@ void SilentListener::PlayRadio()
     // What a report still needs when all else here is gone, should it come too late.
     struct Told
     {
-        std::atomic<bool> bStopped{false};
         Report& report;
         std::string kind;
+        std::atomic<bool> bStopped{false};
     };
     const Station station = RandomStation(m_round.library, m_random);
-    const auto told = std::make_shared<Told>(false, m_round.report, station.kind);
+    const std::shared_ptr<Told> told(new Told{m_round.report, station.kind});
     m_player.PlayStream(station.url,
                         [told](TovrelAudioPlayer::StreamState, const TovrelAudioPlayer::StreamInfo&,
                                const std::string& text)
