@@ -338,8 +338,10 @@ TEST_P(DesktopMove, LosesTheCycleInFlightAtMostAndRepeatsNothing)
     TwoSinks sinks;
     RunningSink sink;
     PushFrames(sink, IndexedFrames(0, kFrames));
+    sinks.First().AwaitSound();
     sinks.First().AwaitMore(kSinkRate / 2);
     GetParam().there();
+    sinks.Second().AwaitSound();
     sinks.Second().AwaitMore(kSinkRate / 2);
     if (GetParam().back)
         GetParam().back();
@@ -442,6 +444,7 @@ TEST(DesktopVolume, OfTheMixerIsHeardWhilePlaying)
     MonitorRecording recording;
     RunningSink sink;
     PushFrames(sink, ConstantFrames(2 * kSinkRate));
+    recording.AwaitSound();
     recording.AwaitMore(kSinkRate / 2);
     OutputOf({"wpctl", "set-volume", std::to_string(NodeId(kNode)), "0.5"});
     ASSERT_TRUE(DrainAsWorkersDo(sink));
@@ -457,6 +460,7 @@ TEST(DesktopVolume, MuteIsSilenceInWhichPlayGoesOn)
     MonitorRecording recording;
     RunningSink sink;
     PushFrames(sink, ConstantFrames(2 * kSinkRate));
+    recording.AwaitSound();
     recording.AwaitMore(kSinkRate / 2);
     const std::string node = std::to_string(NodeId(kNode));
     OutputOf({"wpctl", "set-mute", node, "1"});
@@ -478,6 +482,7 @@ TEST(DesktopVolume, OutlivesPauseClearAndTheNextSink)
         SetChannelVolumes("0.5");
         const std::string volume = MixerVolume();
         PushFrames(sink, ConstantFrames(kSinkRate));
+        recording.AwaitSound();
         recording.AwaitMore(4 * kQuantum);
         sink.SetActive(false);
         recording.AwaitMore(4 * kQuantum);
@@ -623,6 +628,7 @@ TEST(DesktopMix, TwoSinksAreHeardAsTheirSum)
     PushFrames(one, ConstantFrames(kSinkRate));
     PushFrames(other, ConstantFrames(kSinkRate / 2, kOther));
     one.SetActive(true);
+    recording.AwaitSound();
     recording.AwaitMore(kSinkRate / 8);
     other.SetActive(true);
     EXPECT_TRUE(DrainAsWorkersDo(other));

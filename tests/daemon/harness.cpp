@@ -121,6 +121,48 @@ bool WaitUntil(const std::function<bool()>& condition, int everyMs)
     return true;
 }
 
+ProcessorWatch::ProcessorWatch()
+{
+    cpu_set_t usable;
+    CPU_ZERO(&usable);
+    sched_getaffinity(0, sizeof usable, &usable);
+    for (size_t processor = 0; processor < CPU_SETSIZE; ++processor)
+        if (CPU_ISSET(processor, &usable))
+            m_threads.emplace_back(&ProcessorWatch::Watch, this, processor);
+}
+
+ProcessorWatch::~ProcessorWatch()
+{
+    m_bEnds = true;
+    for (std::thread& thread : m_threads)
+        thread.join();
+}
+
+std::chrono::milliseconds ProcessorWatch::LongestWait() const
+{
+    return std::chrono::milliseconds(m_longestMs);
+}
+
+void ProcessorWatch::Watch(size_t processor)
+{
+    constexpr std::chrono::milliseconds kSleep{50};
+    cpu_set_t one;
+    CPU_ZERO(&one);
+    CPU_SET(processor, &one);
+    sched_setaffinity(0, sizeof one, &one);
+    while (!m_bEnds)
+    {
+        const auto due = std::chrono::steady_clock::now() + kSleep;
+        std::this_thread::sleep_until(due);
+        const auto late = std::chrono::duration_cast<std::chrono::milliseconds>(
+            std::chrono::steady_clock::now() - due);
+        int64_t longest = m_longestMs;
+        while (late.count() > longest && !m_longestMs.compare_exchange_weak(longest, late.count()))
+        {
+        }
+    }
+}
+
 std::chrono::milliseconds DurationOf(const std::function<void()>& call)
 {
     const auto start = std::chrono::steady_clock::now();
@@ -599,6 +641,20 @@ void MonitorRecording::AwaitSound() const
         GiveUp("no sound is recorded");
 }
 
+void MonitorRecording::AwaitIndexed(size_t first, size_t end) const
+{
+    const float least = IndexedFrames(first, 1).front();
+    const float most = IndexedFrames(end - 1, 1).front();
+    const auto bHeard = [&]
+    {
+        const size_t frames = Now();
+        const float last = frames > 0 ? m_samples[(frames - 1) * kSinkChannels] : 0.0f;
+        return last >= least && last <= most;
+    };
+    if (!WaitUntil(bHeard))
+        GiveUp("the frame is not recorded");
+}
+
 void MonitorRecording::AwaitSilence(size_t frames) const
 {
     if (!WaitUntil([&] { return SilentFramesAtEnd() >= frames; }))
@@ -803,6 +859,11 @@ bool DrainAsWorkersDo(PipeWirePlayer& sink)
     }
     sink.SetActive(false);
     return true;
+}
+
+bool WaitForOutput(const TovrelAudioPlayer& player)
+{
+    return WaitUntil([&] { return !player.CopySpectrumSamples().empty(); });
 }
 
 bool WaitForEnd(const TovrelAudioPlayer& player, int everyMs)

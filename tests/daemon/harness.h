@@ -15,6 +15,7 @@
 #include <map>
 #include <string>
 #include <sys/types.h>
+#include <thread>
 #include <vector>
 
 class TovrelAudioPlayer;
@@ -23,9 +24,10 @@ struct pw_stream;
 struct pw_thread_loop;
 struct spa_hook;
 
-constexpr int kSinkRate = 48000;  // of the null sink and its recordings
-constexpr int kSinkChannels = 2;  // of the same
-constexpr size_t kQuantum = 1024; // frames of a graph cycle, unless a test forces another
+constexpr int kSinkRate = 48000;         // of the null sink and its recordings
+constexpr int kSinkChannels = 2;         // of the same
+constexpr size_t kQuantum = 1024;        // frames of a graph cycle, unless a test forces another
+constexpr size_t kIndexLimit = 1u << 23; // of the indexed signal, in frames
 
 // --- Waiting ------------------------------------------------------------------------------------
 
@@ -48,6 +50,26 @@ void SleepMs(int milliseconds);
 constexpr int kRarelyMs = 20;
 constexpr int kOftenMs = 1;
 [[nodiscard]] bool WaitUntil(const std::function<bool()>& condition, int everyMs = kRarelyMs);
+
+// For how long the machine has kept a thread of this process from running that was ready to. On
+// each processor one that does nothing but sleep tells.
+class ProcessorWatch
+{
+public:
+    ProcessorWatch();
+    ~ProcessorWatch();
+    ProcessorWatch(const ProcessorWatch&) = delete;
+    ProcessorWatch& operator=(const ProcessorWatch&) = delete;
+
+    std::chrono::milliseconds LongestWait() const;
+
+private:
+    void Watch(size_t processor);
+
+    std::atomic<bool> m_bEnds{false};
+    std::atomic<int64_t> m_longestMs{0};
+    std::vector<std::thread> m_threads;
+};
 
 // How long one call takes.
 std::chrono::milliseconds DurationOf(const std::function<void()>& call);
@@ -253,8 +275,12 @@ public:
     // Returns when this many more have been recorded.
     void AwaitMore(size_t frames) const;
 
-    // Returns when the last frame recorded is sound.
+    // Returns when the last frame recorded is sound. A new stream is not heard before the session
+    // manager has linked it, which on a busy machine takes any time.
     void AwaitSound() const;
+
+    // Returns when the last frame recorded is one of these [first, end) of the indexed signal.
+    void AwaitIndexed(size_t first, size_t end = kIndexLimit) const;
 
     // Returns when the last so many frames recorded are silence.
     void AwaitSilence(size_t frames) const;
@@ -294,7 +320,6 @@ private:
 
 // Stereo frames in which every frame carries its index: none is silent, no two are the same, all
 // are exact in a float and small enough to pass a mix unclipped. Indices run to kIndexLimit.
-constexpr size_t kIndexLimit = 1u << 23;
 std::vector<float> IndexedFrames(size_t first, size_t count);
 
 // What a recording holds of such frames.
@@ -361,6 +386,10 @@ void PushFrames(PipeWirePlayer& sink, const std::vector<float>& samples);
 
 // Lets the queue play to its end as the playback workers do, and deactivates the sink then.
 [[nodiscard]] bool DrainAsWorkersDo(PipeWirePlayer& sink);
+
+// Whether the player has opened its sink and pushed to it. Its position would not tell: it runs
+// from the start.
+[[nodiscard]] bool WaitForOutput(const TovrelAudioPlayer& player);
 
 // Whether the playback has come to its end by itself.
 [[nodiscard]] bool WaitForEnd(const TovrelAudioPlayer& player, int everyMs = kRarelyMs);

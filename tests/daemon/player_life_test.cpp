@@ -26,12 +26,6 @@ bool PlaySeconds(TovrelAudioPlayer& player, size_t seconds)
     return player.PlayPcm(IndexedFrames(0, seconds * kSinkRate), kSinkRate, kSinkChannels);
 }
 
-// Whether frames are on their way: the position alone runs from the start.
-[[nodiscard]] bool WaitForSound(TovrelAudioPlayer& player)
-{
-    return WaitUntil([&] { return !player.CopySpectrumSamples().empty(); });
-}
-
 // A file of one second.
 std::string SecondOfTone()
 {
@@ -48,7 +42,7 @@ TEST(PlayerLife, FiftyPlaysAndStopsLeaveNoThreadDescriptorOrNode)
     WarmUpLibraries();
     TovrelAudioPlayer player;
     player.PlayFile(path);
-    ASSERT_TRUE(WaitForSound(player));
+    ASSERT_TRUE(WaitForOutput(player));
     player.Stop();
     const Resources before = Resources::Now();
     for (int cycle = 0; cycle < 50; ++cycle)
@@ -71,7 +65,7 @@ TEST(PlayerLife, DestructionDuringPlayLeavesNothing)
     {
         TovrelAudioPlayer player;
         ASSERT_TRUE(PlaySeconds(player, 10));
-        ASSERT_TRUE(WaitForSound(player));
+        ASSERT_TRUE(WaitForOutput(player));
     }
     EXPECT_TRUE(ComesBackTo(before));
     EXPECT_TRUE(WaitUntil([] { return EngineNodeCount() == 0; }));
@@ -98,7 +92,7 @@ TEST(PlayerLife, PlayingIsOneNode)
     for (int play = 0; play < 3; ++play)
     {
         ASSERT_TRUE(PlaySeconds(player, 10));
-        ASSERT_TRUE(WaitForSound(player));
+        ASSERT_TRUE(WaitForOutput(player));
     }
     EXPECT_TRUE(WaitUntil([] { return EngineNodeCount() == 1; }));
 }
@@ -109,7 +103,7 @@ TEST(PlayerLife, StopIsQuick)
 {
     TovrelAudioPlayer player;
     ASSERT_TRUE(PlaySeconds(player, 10));
-    ASSERT_TRUE(WaitForSound(player));
+    ASSERT_TRUE(WaitForOutput(player));
     EXPECT_LE(DurationOf([&] { player.Stop(); }).count(), (kAtOnce + kSlack).count());
     EXPECT_FALSE(player.IsPlaying());
     EXPECT_TRUE(player.HasFinished());
@@ -119,7 +113,7 @@ TEST(PlayerLife, StopWhilePausedIsQuick)
 {
     TovrelAudioPlayer player;
     ASSERT_TRUE(PlaySeconds(player, 10));
-    ASSERT_TRUE(WaitForSound(player));
+    ASSERT_TRUE(WaitForOutput(player));
     player.SetPaused(true);
     SleepMs(50);
     EXPECT_LE(DurationOf([&] { player.Stop(); }).count(), (kAtOnce + kSlack).count());
@@ -239,7 +233,7 @@ TEST(PlayerWithStoppedDaemon, StopReturnsAtOnce)
 {
     TovrelAudioPlayer player;
     ASSERT_TRUE(PlaySeconds(player, 10));
-    ASSERT_TRUE(WaitForSound(player));
+    ASSERT_TRUE(WaitForOutput(player));
     const StoppedDaemon stopped;
     EXPECT_LE(DurationOf([&] { player.Stop(); }).count(), (kAtOnce + kSlack).count());
 }
@@ -248,7 +242,7 @@ TEST(PlayerWithDeadDaemon, StopReturnsAtOnceAndTheNextPlayTellsTheError)
 {
     TovrelAudioPlayer player;
     ASSERT_TRUE(PlaySeconds(player, 10));
-    ASSERT_TRUE(WaitForSound(player));
+    ASSERT_TRUE(WaitForOutput(player));
     KillDaemon();
     player.TogglePaused();
     player.TogglePaused();
@@ -263,7 +257,7 @@ TEST(PlayerWithDeadDaemon, DestructionReturnsAtOnce)
 {
     auto player = std::make_unique<TovrelAudioPlayer>();
     player->PlayFile(SecondOfTone());
-    ASSERT_TRUE(WaitForSound(*player));
+    ASSERT_TRUE(WaitForOutput(*player));
     KillDaemon();
     EXPECT_LE(DurationOf([&] { player.reset(); }).count(), (kAtOnce + kSlack).count());
 }

@@ -218,6 +218,7 @@ void ExpectNothingBeforeTheStartBuffer(const std::function<void(TovrelAudioPlaye
     ASSERT_TRUE(reports.WaitForLine("Buffering 0"));
     meanwhile(player);
     ASSERT_TRUE(WaitForSound(reports));
+    recording.AwaitSound();
     recording.AwaitMore(kTotal + kSecond / 2);
     player.Stop();
     const Heard heard = FindIndexed(recording.Finish(), 0, kTotal);
@@ -258,6 +259,7 @@ TEST(RadioSound, BurstThenRealTimeIsHeardOnceAndWithoutAGap)
     TovrelAudioPlayer player;
     ASSERT_TRUE(player.PlayStream(server.Url(), reports.Callback()));
     ASSERT_TRUE(WaitForSound(reports));
+    recording.AwaitSound();
     recording.AwaitMore(kTotal + kSecond / 2);
     player.Stop();
     const Heard heard = FindIndexed(recording.Finish(), 0, kTotal);
@@ -301,6 +303,7 @@ TEST(RadioStop, LeavesSilence)
     TovrelAudioPlayer player;
     ASSERT_TRUE(player.PlayStream(server.Url(), reports.Callback()));
     ASSERT_TRUE(WaitForSound(reports));
+    recording.AwaitSound();
     recording.AwaitMore(kSecond / 2);
     const size_t stopAt = recording.Now();
     const auto taken = DurationOf([&] { player.Stop(); });
@@ -330,9 +333,11 @@ TEST(RadioStop, LeavesNoResidueInTheNextStationOrFile)
     TovrelAudioPlayer player;
     ASSERT_TRUE(player.PlayStream(server.Url(), first.Callback()));
     ASSERT_TRUE(WaitForSound(first));
+    recording.AwaitSound();
     recording.AwaitMore(kSecond / 2);
     ASSERT_TRUE(player.PlayStream(server.Url(), next.Callback()));
     ASSERT_TRUE(WaitForSound(next));
+    recording.AwaitIndexed(kNext);
     recording.AwaitMore(kSecond / 2);
     player.PlayFile(path);
     ASSERT_TRUE(WaitUntil([&] { return player.HasFinished(); }));
@@ -395,6 +400,7 @@ TEST(RadioReconnect, DropsTheQueueAndStartsAnewFromTheFirstFrame)
     ASSERT_TRUE(player.PlayStream(server.Url(), reports.Callback()));
     ASSERT_TRUE(WaitForSound(reports, 1));
     EXPECT_EQ(player.CurrentSeconds(), 0.0);
+    recording.AwaitIndexed(kNext);
     recording.AwaitMore(kNextFrames + kSecond / 2);
     player.Stop();
 
@@ -577,6 +583,7 @@ TEST_P(IcecastMount, IsHeardAtItsPitchAndDescribed)
     const size_t playedAt = recording.Now();
     ASSERT_TRUE(player.PlayStream(server.Url("/station"), reports.Callback()));
     ASSERT_TRUE(WaitForSound(reports));
+    recording.AwaitSound();
     recording.AwaitMore(kLookedAt + kSecond / 2);
     const StreamInfo info = reports.Info();
     player.Stop();
@@ -670,6 +677,7 @@ TEST_P(IcecastChain, TellsEveryTitleAndPlaysOnAtItsPitch)
     ASSERT_TRUE(player.PlayStream(server.Url("/station"), reports.Callback()));
     ASSERT_TRUE(WaitForSound(reports));
     source.Send(more);
+    recording.AwaitSound();
     recording.AwaitMore(kLookedAt + kSecond / 2);
     player.Stop();
     const Lines titles = {"Owl - One", "Owl - Two", "Owl - Three"};
@@ -741,6 +749,7 @@ TEST_P(IcecastReturn, AtOnceIsNeitherToldNorHeard)
     source.reset();
     source.emplace(server, "/station", mount.contentType);
     source->Send(song + song);
+    recording.AwaitSound();
     recording.AwaitMore(kLookedAt + kSecond / 2);
     player.Stop();
     const Tone tone = FindTone(recording.Finish(), kLookedAt);
@@ -772,6 +781,7 @@ TEST(Icecast, SourceThatStaysAwayAndReturnsIsPlayedAgain)
     source->Drop();
     ASSERT_TRUE(WaitForSound(reports, 2));
     MonitorRecording recording;
+    recording.AwaitSound();
     recording.AwaitMore(3 * kSecond / 2);
     const Tone tone = FindTone(recording.Finish(), kSecond);
     player.Stop();

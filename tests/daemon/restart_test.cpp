@@ -1027,9 +1027,9 @@ std::string IndexedFile(size_t frames)
 }
 
 // Returns in mid-play.
-void AwaitSound(const TovrelAudioPlayer& player, const MonitorRecording& recording)
+void AwaitMidPlay(const MonitorRecording& recording)
 {
-    EXPECT_TRUE(WaitUntil([&] { return !player.CopySpectrumSamples().empty(); }));
+    recording.AwaitSound();
     recording.AwaitMore(kSinkRate / 4);
 }
 
@@ -1056,7 +1056,7 @@ TEST_P(PlayerOverRestart, PlaysOnToTheEnd)
     MonitorRecording before;
     TovrelAudioPlayer player;
     ASSERT_TRUE(Play(player, GetParam(), kFrames));
-    AwaitSound(player, before);
+    AwaitMidPlay(before);
     TimeWatch watch([&] { return player.CurrentSeconds(); });
     Absence absence;
     const Heard heardBefore = FindIndexed(before.Finish(0), 0, kFrames);
@@ -1077,7 +1077,7 @@ TEST_P(PlayerOverRestart, KeepsAPauseAndGoesOnAfterIt)
     MonitorRecording before;
     TovrelAudioPlayer player;
     ASSERT_TRUE(Play(player, GetParam(), kFrames));
-    AwaitSound(player, before);
+    AwaitMidPlay(before);
     KillDaemon();
     player.SetPaused(true);
     const Heard heardBefore = FindIndexed(before.Finish(0), 0, kFrames);
@@ -1099,7 +1099,7 @@ TEST_P(PlayerOverRestart, SeeksMeanwhileAndIsHeardFromThere)
     constexpr size_t kTarget = 3 * kSinkRate;
     TovrelAudioPlayer player;
     ASSERT_TRUE(Play(player, GetParam(), kFrames));
-    ASSERT_TRUE(WaitUntil([&] { return player.CurrentSeconds() > 0.2; }));
+    ASSERT_TRUE(WaitForOutput(player));
     Absence absence;
     player.SeekToSeconds(Seconds(kTarget));
     const NewSession session;
@@ -1118,7 +1118,7 @@ TEST(PlayerWhileDaemonIsGone, ControlsAndStopReturnAtOnce)
 {
     TovrelAudioPlayer player;
     ASSERT_TRUE(Play(player, Material::Buffer, 10 * kSinkRate));
-    ASSERT_TRUE(WaitUntil([&] { return player.CurrentSeconds() > 0.2; }));
+    ASSERT_TRUE(WaitForOutput(player));
     KillDaemon();
     LongestCall longest;
     for (int round = 0; round < 100; ++round)
@@ -1141,7 +1141,7 @@ TEST(PlayerWhileDaemonIsGone, NewPlayEndsTheOldOneAndTellsTheError)
     TovrelAudioPlayer player;
     LongestCall longest;
     ASSERT_TRUE(Play(player, Material::Buffer, 10 * kSinkRate));
-    ASSERT_TRUE(WaitUntil([&] { return player.CurrentSeconds() > 0.2; }));
+    ASSERT_TRUE(WaitForOutput(player));
     KillDaemon();
     SleepMs(150); // into the retries
     longest.Time([&] { EXPECT_TRUE(Play(player, Material::Buffer, kSinkRate)); });
@@ -1166,7 +1166,7 @@ TEST(PlayerWhileDaemonIsGone, DestructionReturnsAtOnceAndLeavesNothing)
         players.push_back(std::make_unique<TovrelAudioPlayer>());
         ASSERT_TRUE(Play(*players.back(), Material::Buffer, 10 * kSinkRate));
         // One after the other: PipeWire's look-up of the user is not meant for several threads.
-        ASSERT_TRUE(WaitUntil([&] { return !players.back()->CopySpectrumSamples().empty(); }));
+        ASSERT_TRUE(WaitForOutput(*players.back()));
     }
     KillDaemon();
     {
@@ -1190,23 +1190,21 @@ TEST(RadioOverRestart, PlaysOnWithoutReconnecting)
     Script script = Live(bytes, {"Content-Type: audio/wav"});
     script.push_back(Stall());
     const ScriptedServer server({script});
-    std::atomic<bool> bPlaying{false};
     std::atomic<bool> bReconnected{false};
     MonitorRecording before;
     TovrelAudioPlayer player;
     const auto report = [&](StreamState state, const auto&, const auto&)
     {
-        bPlaying = bPlaying || state == StreamState::Playing;
         bReconnected = bReconnected || state == StreamState::Reconnecting;
     };
     ASSERT_TRUE(player.PlayStream(server.Url(), report));
-    ASSERT_TRUE(WaitUntil([&] { return bPlaying.load(); }));
-    before.AwaitMore(kSinkRate / 4);
+    AwaitMidPlay(before);
     Absence absence;
     const Heard heardBefore = FindIndexed(before.Finish(0), 0, kSent);
     const NewSession session;
     MonitorRecording after;
     absence.LetGo();
+    after.AwaitSound();
     after.AwaitMore(2 * kSinkRate);
     player.Stop();
     Heard heardAfter = FindIndexed(after.Finish(), 0, kSent);

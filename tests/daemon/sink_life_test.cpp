@@ -319,6 +319,7 @@ TEST(SinkWithStoppedDaemon, NothingWaitsForItDuringPlay)
     ASSERT_TRUE(sink.Init(kSinkRate, kSinkChannels));
     sink.SetActive(true);
     PushFrames(sink, IndexedFrames(0, kSinkRate));
+    recording.AwaitSound();
     recording.AwaitMore(4 * kQuantum);
     const StoppedDaemon stopped;
     const auto taken = DurationOf(
@@ -342,6 +343,7 @@ TEST(SinkWithStoppedDaemon, PlayGoesOnToTheLastFrameWhenItDoes)
     ASSERT_TRUE(sink.Init(kSinkRate, kSinkChannels));
     sink.SetActive(true);
     PushFrames(sink, IndexedFrames(0, kSinkRate));
+    recording.AwaitSound();
     recording.AwaitMore(4 * kQuantum);
     {
         const StoppedDaemon stopped;

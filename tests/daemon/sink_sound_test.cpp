@@ -140,6 +140,7 @@ TEST(SinkSound, InactiveStreamHoldsItsQueueAndGoesOnWithoutALostOrRepeatedFrame)
     PushFrames(sink, IndexedFrames(0, kSinkRate));
     for (int pause = 0; pause < 3; ++pause)
     {
+        recording.AwaitSound();
         recording.AwaitMore(5 * kQuantum);
         sink.SetActive(false);
         recording.AwaitMore(2 * kQuantum); // what PipeWire has taken is still heard
@@ -161,6 +162,7 @@ TEST(SinkSound, ClearDropsTheQueueAndWhatFollowsIsHeardFromItsFirstFrame)
     MonitorRecording recording;
     RunningSink sink;
     PushFrames(sink, IndexedFrames(0, kSinkRate));
+    recording.AwaitSound();
     recording.AwaitMore(6 * kQuantum);
     sink.Clear();
     EXPECT_EQ(sink.QueuedBytes(), 0u);
