@@ -41,15 +41,20 @@ fail() {
     exit 1
 }
 
-# wait_for WHAT COMMAND...: until the command succeeds.
-wait_for() {
-    local what=$1
-    shift
+# happens COMMAND...: whether the command succeeds, within 20 s.
+happens() {
     for _ in $(seq 400); do
         ! "$@" || return 0
         sleep 0.05
     done
-    fail "waited in vain for $what"
+    return 1
+}
+
+# wait_for WHAT COMMAND...: until the command succeeds.
+wait_for() {
+    local what=$1
+    shift
+    happens "$@" || fail "waited in vain for $what"
 }
 
 # ---- Material ---------------------------------------------------------------------------------
@@ -102,6 +107,12 @@ expect_plain() {
 
 # record ARGUMENT...: plays, and leaves the loudest sample of each channel in `peaks`, in whole dB.
 record() {
+    # Once pw-cat wrote no more, with the player long gone: then it begins anew, and the player too.
+    record_once "$@" || record_once "$@" || fail "the recorder stands still: $(cat recorder.err)"
+    peaks=$(ffmpeg -nostdin -i heard.wav -af astats=measure_overall=none -f null - 2>&1 |
+        sed -n 's/.*Peak level dB: //p' | xargs printf '%.0f ')
+}
+record_once() {
     rm -f heard.wav
     pw-cat -r --target null-sink -P '{stream.capture.sink=true}' heard.wav 2>recorder.err &
     recorder=$!
@@ -109,14 +120,13 @@ record() {
     play "$@"
     expect_status 0
     # Played to the end means presented to the end: one buffer of the recorder may be on its way.
-    local end
+    local end result=0
     end=$(stat -c %s heard.wav)
-    wait_for "the end of the recording" test_size $((end + 100000))
-    kill -TERM "$recorder"
+    happens test_size $((end + 100000)) || result=1
+    kill -TERM "$recorder" || true
     wait "$recorder" || true
     recorder=
-    peaks=$(ffmpeg -nostdin -i heard.wav -af astats=measure_overall=none -f null - 2>&1 |
-        sed -n 's/.*Peak level dB: //p' | xargs printf '%.0f ')
+    return "$result"
 }
 test_size() { [ -f heard.wav ] && [ "$(stat -c %s heard.wav)" -ge "$1" ]; }
 hears_something() { test_size 20000; }
